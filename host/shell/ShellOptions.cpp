@@ -1,0 +1,43 @@
+#include "ShellOptions.h"
+
+#include <QCommandLineParser>
+#include <QCoreApplication>
+#include <QDir>
+
+namespace Quorix {
+
+ShellOptions ShellOptions::parse(const QStringList &arguments)
+{
+    QCommandLineParser parser;
+    parser.setApplicationDescription(QCoreApplication::translate("main", "Quorix development host"));
+    parser.addHelpOption();
+    const QCommandLineOption listOption(QStringLiteral("list-plugins"),
+            QCoreApplication::translate("main", "Print ID, name and version of every loaded plugin, then exit."));
+    const QCommandLineOption screenshotOption(QStringLiteral("screenshot"),
+            QCoreApplication::translate("main", "Render the main window to a PNG file once settled, then exit."),
+            QStringLiteral("file"));
+    const QCommandLineOption pluginDirOption(QStringLiteral("plugin-dir"),
+            QCoreApplication::translate("main", "Folder to load plugin modules from."), QStringLiteral("dir"));
+    const QCommandLineOption themeOption(QStringLiteral("theme"),
+            QCoreApplication::translate("main", "Use the light or dark theme for this run."), QStringLiteral("theme"));
+    const QCommandLineOption settleOption(QStringLiteral("settle-ms"),
+            QCoreApplication::translate("main", "Milliseconds to wait before a screenshot."), QStringLiteral("ms"));
+    parser.addOptions({listOption, screenshotOption, pluginDirOption, themeOption, settleOption});
+    parser.process(arguments);
+
+    ShellOptions options;
+    options.listPlugins = parser.isSet(listOption);
+    options.screenshotFile = parser.value(screenshotOption);
+    options.theme = parser.value(themeOption);
+    if (parser.isSet(settleOption))
+        options.settleMilliseconds = qMax(0, parser.value(settleOption).toInt());
+
+    options.pluginDirectory = parser.value(pluginDirOption);
+    if (options.pluginDirectory.isEmpty())
+        options.pluginDirectory = qEnvironmentVariable("QUORIX_PLUGIN_DIR");
+    if (options.pluginDirectory.isEmpty())
+        options.pluginDirectory = QDir(QCoreApplication::applicationDirPath()).absoluteFilePath(QStringLiteral("../plugins"));
+    return options;
+}
+
+} // namespace Quorix

@@ -1,0 +1,66 @@
+#include "MainWindow.h"
+#include "PluginLoader.h"
+#include "ShellOptions.h"
+#include "ThemePalette.h"
+
+#include <IUIPlugin.h>
+#include <PluginHost.h>
+#include <SettingsManager.h>
+
+#include <QApplication>
+#include <QTextStream>
+#include <QTimer>
+
+using namespace Quorix;
+
+namespace {
+
+int listPlugins(const QList<LoadedPlugin> &plugins)
+{
+    QTextStream out(stdout);
+    for (const LoadedPlugin &loaded : plugins)
+        out << loaded.plugin->pluginId() << '\t' << loaded.plugin->displayName() << '\t' << loaded.plugin->version()
+            << '\n';
+    return 0;
+}
+
+void scheduleScreenshot(MainWindow *window, const QString &file, int settleMilliseconds)
+{
+    QTimer::singleShot(settleMilliseconds, window, [window, file] {
+        const bool saved = window->grab().save(file, "PNG");
+        if (!saved)
+            QTextStream(stderr) << "quorix-shell: cannot write " << file << '\n';
+        QCoreApplication::exit(saved ? 0 : 1);
+    });
+}
+
+} // namespace
+
+int main(int argc, char *argv[])
+{
+    QApplication app(argc, argv);
+    QApplication::setApplicationName(QStringLiteral("Quorix"));
+    QApplication::setOrganizationName(QStringLiteral("Quorix"));
+    const ShellOptions options = ShellOptions::parse(app.arguments());
+
+    SettingsManager *settings = SettingsManager::instance();
+    ThemePalette::apply(options.theme.isEmpty() ? settings->value(QStringLiteral("appearance/theme")).toString()
+                                                : options.theme);
+
+    PluginHost host;
+    QStringList errors;
+    const QList<LoadedPlugin> plugins = PluginLoader::loadAll(options.pluginDirectory, &host, &errors);
+    for (const QString &error : std::as_const(errors))
+        QTextStream(stderr) << "quorix-shell: " << error << '\n';
+    if (options.listPlugins)
+        return listPlugins(plugins);
+
+    MainWindow window(&host, settings, plugins);
+    window.show();
+    if (!options.screenshotFile.isEmpty())
+        scheduleScreenshot(&window, options.screenshotFile, options.settleMilliseconds);
+    const int status = app.exec();
+    for (const LoadedPlugin &loaded : plugins)
+        loaded.plugin->shutdown();
+    return status;
+}
