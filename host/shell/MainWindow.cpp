@@ -34,8 +34,12 @@ MainWindow::MainWindow(PluginHost *host, SettingsManager *settings, const QList<
     auto *layout = new QHBoxLayout(central);
     layout->setContentsMargins(0, 0, 0, 0);
     layout->setSpacing(0);
-    pageList->setFixedWidth(180);
+    pageList->setFixedWidth(200);
     pageList->setFrameShape(QFrame::NoFrame);
+    pageList->setStyleSheet(QStringLiteral("QListWidget { background: palette(alternate-base); padding-top: 8px; }"
+                                           "QListWidget::item { padding: 9px 14px; border-radius: 6px; margin: 2px 8px; }"
+                                           "QListWidget::item:selected { background: palette(highlight);"
+                                           " color: palette(highlighted-text); }"));
     layout->addWidget(pageList);
     layout->addWidget(pages, 1);
     setCentralWidget(central);
