@@ -82,22 +82,24 @@ bool staysInside(QString member)
     return !steps.contains(QStringLiteral(".."));
 }
 
+enum class ArchiveVerdict { Safe, Unsafe, Unreadable };
+
 // Lists the archive before unpacking it so that no member, and no link an unpacker would follow, can write outside
 // the extraction folder.
-bool archiveIsSafe(const PlatformProfile &profile, const QString &archive, bool isZip)
+ArchiveVerdict inspectArchive(const PlatformProfile &profile, const QString &archive, bool isZip)
 {
     const BlockingResult names = runBlocking(profile.memberNamesCommand(archive, isZip), extractionLimitMs);
     if (!names.succeeded)
-        return false;
+        return ArchiveVerdict::Unreadable;
     const QStringList members = names.standardOutput.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
     for (const QString &member : members) {
         if (!staysInside(member.trimmed()))
-            return false;
+            return ArchiveVerdict::Unsafe;
     }
 
     const BlockingResult listing = runBlocking(profile.longListingCommand(archive, isZip), extractionLimitMs);
     if (!listing.succeeded)
-        return false;
+        return ArchiveVerdict::Unreadable;
     const QStringList lines = listing.standardOutput.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
     for (const QString &line : lines) {
         const QChar kind = line.at(0);
@@ -105,13 +107,13 @@ bool archiveIsSafe(const PlatformProfile &profile, const QString &archive, bool 
             continue;
         // zip listings do not show where a link points, so links in zip archives are refused outright.
         if (isZip)
-            return false;
+            return ArchiveVerdict::Unsafe;
         const QString separator = kind == QLatin1Char('l') ? QStringLiteral(" -> ") : QStringLiteral(" link to ");
         const qsizetype at = line.lastIndexOf(separator);
         if (at < 0 || !staysInside(line.mid(at + separator.size()).trimmed()))
-            return false;
+            return ArchiveVerdict::Unsafe;
     }
-    return true;
+    return ArchiveVerdict::Safe;
 }
 
 bool removeFolder(const QString &path)
@@ -135,8 +137,8 @@ ExtractionResult extractAndInstall(const PlatformProfile &profile, const QString
 
     const bool isZip = isZipFile(archive);
     bool extracted = false;
-    bool safe = archiveIsSafe(profile, archive, isZip);
-    if (safe) {
+    const ArchiveVerdict verdict = inspectArchive(profile, archive, isZip);
+    if (verdict == ArchiveVerdict::Safe) {
         const QList<PlatformProfile::Command> attempts = profile.extractionCommands(archive, folder, isZip);
         for (qsizetype i = 0; i < attempts.size() && !extracted; ++i) {
             // A failed attempt may leave half an archive behind; the next one starts from an empty folder.
@@ -151,7 +153,7 @@ ExtractionResult extractAndInstall(const PlatformProfile &profile, const QString
 
     const QString uvName = profile.uvFileName();
     const QString target = profile.uvPath(baseFolder);
-    if (!safe) {
+    if (verdict == ArchiveVerdict::Unsafe) {
         removeFolder(folder);
         return {false, PythonEnvironmentManager::tr("Failed to extract UV archive.\n\nThe archive holds entries that "
                                                     "would be written outside its folder.")};
