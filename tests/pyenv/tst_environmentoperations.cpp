@@ -303,7 +303,7 @@ void EnvironmentOperationsTest::environmentListShowsOnlyEnvironments()
 {
     create("listed", "quorix-cv2\n");
     QDir().mkpath(manager->baseFolder() + "/not-an-env");
-    QDir().mkpath(manager->baseFolder() + "/UV.EXE/.qenv");
+    QDir().mkpath(manager->baseFolder() + "/" + manager->profile().uvFileName().toUpper() + "/.qenv");
     const QList<PythonEnvironmentManager::Environment> environments = manager->environments();
     QCOMPARE(environments.size(), 1);
     const PythonEnvironmentManager::Environment &listed = environments.first();
