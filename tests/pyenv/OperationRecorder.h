@@ -1,0 +1,36 @@
+#pragma once
+
+#include <QObject>
+#include <QStringList>
+
+namespace Quorix {
+class PythonEnvironmentManager;
+}
+
+namespace Quorix::Testing {
+
+// Writes down every signal of the environment manager in the order it arrives, as short "kind: text" lines, and waits
+// for the end of an operation.
+class OperationRecorder : public QObject
+{
+    Q_OBJECT
+
+public:
+    explicit OperationRecorder(PythonEnvironmentManager *manager);
+
+    // Waits for operationFinished, then a little longer to catch a second one that must not come.
+    bool waitFinished(int limitMs = 60000);
+    QStringList events(const QString &kind) const;
+    QStringList all() const;
+    int finishedCount() const;
+    bool succeeded() const;
+    QString error() const;
+
+private:
+    QStringList log;
+    int finishes = 0;
+    bool lastSuccess = false;
+    QString lastError;
+};
+
+} // namespace Quorix::Testing
