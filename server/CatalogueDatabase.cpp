@@ -415,15 +415,15 @@ CatalogueDatabase::ListPage CatalogueDatabase::list(const ListRequest &request, 
     QString join = QStringLiteral("JOIN users u ON u.id = r.author_id");
     QString order;
     if (request.sort == QLatin1String("newest")) {
-        order = QStringLiteral("r.created DESC, r.id");
+        order = QStringLiteral("r.created DESC, r.rowid DESC");
     } else if (request.sort == QLatin1String("oldest")) {
-        order = QStringLiteral("r.created ASC, r.id");
+        order = QStringLiteral("r.created ASC, r.rowid ASC");
     } else if (request.sort == QLatin1String("my_liked")) {
         join += QStringLiteral(" JOIN likes l ON l.resource_id = r.id AND l.user_id = %1").arg(caller.userId);
-        order = QStringLiteral("l.created DESC, r.id");
+        order = QStringLiteral("l.created DESC, l.rowid DESC");
     } else {
         // A like weighs like ten downloads: it is a deliberate act, a download may be a look.
-        order = QStringLiteral("r.downloads + r.likes * 10 DESC, r.created DESC, r.id");
+        order = QStringLiteral("r.downloads + r.likes * 10 DESC, r.created DESC, r.rowid DESC");
     }
 
     ListPage page;
