@@ -43,6 +43,11 @@ const QList<QStringList> migrations = {
                        " created TEXT NOT NULL, UNIQUE (resource_id, discord_id))"),
         QStringLiteral("CREATE INDEX authorizations_user ON authorizations(user_id, resource_id)"),
     },
+    {
+        // Popular is the default order: without this every page sorted the whole kind.
+        QStringLiteral("CREATE INDEX resources_kind_popularity ON resources(kind, downloads + likes * 10 DESC,"
+                       " created DESC)"),
+    },
 };
 
 // A null QString binds as SQL NULL, which the NOT NULL text columns refuse.
