@@ -34,9 +34,9 @@ bool fillCatalogue(const QString &directory)
     if (!database.open(&error))
         return false;
     const qint64 authorId = database.signIn(QStringLiteral("123456789012345678"), QStringLiteral("bench"), {}).id;
-    const QStringList words{QStringLiteral("recoil"), QStringLiteral("sprint"), QStringLiteral("overlay"),
-            QStringLiteral("tracker"), QStringLiteral("reader"), QStringLiteral("macro"), QStringLiteral("helper"),
-            QStringLiteral("trainer")};
+    const QStringList words{QStringLiteral("recoil"),  QStringLiteral("sprint"), QStringLiteral("overlay"),
+                            QStringLiteral("tracker"), QStringLiteral("reader"), QStringLiteral("macro"),
+                            QStringLiteral("helper"),  QStringLiteral("trainer")};
     const QStringList subtypes{QStringLiteral("gpc3"), QStringLiteral("gbc3"), QStringLiteral("python")};
     QRandomGenerator random(1);
     const QDateTime now = QDateTime::currentDateTimeUtc();
@@ -139,8 +139,8 @@ int main(int argc, char *argv[])
     listAllPages(network, server.origin(), QString()).latencies.size();
     print(out, QStringLiteral("list, no search (all pages of 24)"), listAllPages(network, server.origin(), QString()));
     print(out, QStringLiteral("list, search \"recoil\" (all pages)"),
-            listAllPages(network, server.origin(), QStringLiteral("recoil")));
+          listAllPages(network, server.origin(), QStringLiteral("recoil")));
     print(out, QStringLiteral("list, search \"number 4242\" (one hit)"),
-            listAllPages(network, server.origin(), QStringLiteral("number%204242")));
+          listAllPages(network, server.origin(), QStringLiteral("number%204242")));
     return 0;
 }

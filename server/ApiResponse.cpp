@@ -47,7 +47,7 @@ QByteArray ApiResponse::contentDisposition() const
     QString safe;
     for (const QChar c : attachmentName) {
         if (c.unicode() >= 0x20 && c != QLatin1Char('"') && c != QLatin1Char('\\') && c != QLatin1Char('/')
-                && c.unicode() != 0x7f)
+            && c.unicode() != 0x7f)
             safe.append(c);
     }
     return "attachment; filename=\"" + safe.toUtf8() + '"';

@@ -36,7 +36,7 @@ bool isDiscordId(const QString &id)
 bool isVisibility(const QString &value)
 {
     return value == QLatin1String("public") || value == QLatin1String("private")
-            || value == QLatin1String("purchasable");
+           || value == QLatin1String("purchasable");
 }
 
 // Reads an optional integer query item within bounds; false when it is present but not acceptable.
@@ -89,9 +89,10 @@ bool readString(const QJsonObject &object, const QString &key, int maximumLength
 
 bool isDeletion(const ApiRequest &request)
 {
-    return request.method == "DELETE" || request.queryValue(QStringLiteral("_method")).toUpper() == QLatin1String("DELETE")
-            || request.header("x-http-method-override").toUpper() == "DELETE"
-            || request.body.trimmed() == "_method=DELETE";
+    return request.method == "DELETE"
+           || request.queryValue(QStringLiteral("_method")).toUpper() == QLatin1String("DELETE")
+           || request.header("x-http-method-override").toUpper() == "DELETE"
+           || request.body.trimmed() == "_method=DELETE";
 }
 
 QString kindOfPath(const QString &kind)
@@ -109,8 +110,7 @@ QString limitText(qint64 bytes)
 CatalogueApi::CatalogueApi(CatalogueDatabase *database, const Settings &settings)
     : database(database)
     , settings(settings)
-{
-}
+{ }
 
 qint64 CatalogueApi::bodyLimit()
 {
@@ -141,7 +141,7 @@ CatalogueDatabase::User CatalogueApi::identify(const ApiRequest &request)
     const QString globalName = QString::fromUtf8(request.header("x-discord-globalname")).left(64);
     const QString avatar = QString::fromUtf8(request.header("x-discord-avatar")).left(128);
     if ((!username.isEmpty() && username != user.username) || (!globalName.isEmpty() && globalName != user.globalName)
-            || !avatar.isEmpty()) {
+        || !avatar.isEmpty()) {
         database->updateProfile(user.id, username, globalName, avatar);
         user = database->userById(user.id);
     }
@@ -162,7 +162,7 @@ ApiResponse CatalogueApi::route(Context &context)
     const ApiResponse wrongMethod = ApiResponse::error(405, QStringLiteral("Method not allowed"));
 
     if (path.size() == 3 && path.at(0) == QLatin1String("images")
-            && (path.at(2) == QLatin1String("header") || path.at(2) == QLatin1String("thumbnail")))
+        && (path.at(2) == QLatin1String("header") || path.at(2) == QLatin1String("thumbnail")))
         return get ? image(path.at(1), path.at(2)) : wrongMethod;
     if (path == QStringList{QStringLiteral("api"), QStringLiteral("auth"), QStringLiteral("dev-login")}) {
         if (!settings.devLogin)
@@ -256,11 +256,11 @@ ApiResponse CatalogueApi::devLogin(Context &context)
     const QString token = user.isValid() ? database->createSession(user.id) : QString();
     if (token.isEmpty())
         return ApiResponse::error(503, QStringLiteral("Cannot create a session"));
-    return ApiResponse::json({{QStringLiteral("success"), true}, {QStringLiteral("token"), token},
-            {QStringLiteral("user"),
-                    QJsonObject{{QStringLiteral("discord_id"), user.discordId},
-                            {QStringLiteral("username"), user.username},
-                            {QStringLiteral("global_name"), user.globalName}}}});
+    return ApiResponse::json({{QStringLiteral("success"), true},
+                              {QStringLiteral("token"), token},
+                              {QStringLiteral("user"), QJsonObject{{QStringLiteral("discord_id"), user.discordId},
+                                                                   {QStringLiteral("username"), user.username},
+                                                                   {QStringLiteral("global_name"), user.globalName}}}});
 }
 
 ApiResponse CatalogueApi::list(Context &context, const QString &kind)
@@ -275,7 +275,7 @@ ApiResponse CatalogueApi::list(Context &context, const QString &kind)
     query.sort = request.hasQueryItem(QStringLiteral("sort")) ? request.queryValue(QStringLiteral("sort"))
                                                               : QStringLiteral("popular");
     static const QStringList sorts{QStringLiteral("popular"), QStringLiteral("newest"), QStringLiteral("oldest"),
-            QStringLiteral("my_liked")};
+                                   QStringLiteral("my_liked")};
     if (!sorts.contains(query.sort))
         return ApiResponse::error(400, QStringLiteral("sort must be popular, newest, oldest or my_liked"));
     query.search = request.queryValue(QStringLiteral("search")).trimmed();
@@ -300,18 +300,19 @@ ApiResponse CatalogueApi::list(Context &context, const QString &kind)
     QJsonArray records;
     for (const QJsonValue &record : std::as_const(page.records))
         records.append(withOrigin(record.toObject(), request.origin));
-    const QString itemsKey = kind == QLatin1String("qenv") ? QStringLiteral("environments")
-            : kind == QLatin1String("onnx")               ? QStringLiteral("weights")
-                                                          : QStringLiteral("scripts");
-    const QString totalKey = kind == QLatin1String("qenv") ? QStringLiteral("total_environments")
-            : kind == QLatin1String("onnx")               ? QStringLiteral("total_weights")
-                                                          : QStringLiteral("total_scripts");
+    const QString itemsKey = kind == QLatin1String("qenv")   ? QStringLiteral("environments")
+                             : kind == QLatin1String("onnx") ? QStringLiteral("weights")
+                                                             : QStringLiteral("scripts");
+    const QString totalKey = kind == QLatin1String("qenv")   ? QStringLiteral("total_environments")
+                             : kind == QLatin1String("onnx") ? QStringLiteral("total_weights")
+                                                             : QStringLiteral("total_scripts");
     const int totalPages = qMax(1, (page.total + query.limit - 1) / query.limit);
-    return ApiResponse::json({{QStringLiteral("success"), true}, {itemsKey, records},
-            {QStringLiteral("pagination"),
-                    QJsonObject{{QStringLiteral("current_page"), query.page},
-                            {QStringLiteral("total_pages"), totalPages}, {QStringLiteral("per_page"), query.limit},
-                            {totalKey, page.total}}}});
+    return ApiResponse::json({{QStringLiteral("success"), true},
+                              {itemsKey, records},
+                              {QStringLiteral("pagination"), QJsonObject{{QStringLiteral("current_page"), query.page},
+                                                                         {QStringLiteral("total_pages"), totalPages},
+                                                                         {QStringLiteral("per_page"), query.limit},
+                                                                         {totalKey, page.total}}}});
 }
 
 ApiResponse CatalogueApi::findVisible(Context &context, const QString &kind, const QString &id,
@@ -321,7 +322,7 @@ ApiResponse CatalogueApi::findVisible(Context &context, const QString &kind, con
         return ApiResponse::error(400, QStringLiteral("Invalid resource ID"));
     *resource = database->resource(id);
     if (!resource->isValid() || (!kind.isEmpty() && resource->kind != kind)
-            || !database->canSee(*resource, context.caller))
+        || !database->canSee(*resource, context.caller))
         return ApiResponse::error(404, notFound);
     return {};
 }
@@ -344,8 +345,9 @@ ApiResponse CatalogueApi::download(Context &context, const QString &kind, const 
         return failure;
     if (!database->canDownload(resource, context.caller))
         return ApiResponse::error(context.user.isValid() ? 403 : 401,
-                context.user.isValid() ? QStringLiteral("You are not authorized to download this resource")
-                                       : authenticationRequired);
+                                  context.user.isValid()
+                                          ? QStringLiteral("You are not authorized to download this resource")
+                                          : authenticationRequired);
     const QString path = ResourceFiles(settings.dataDirectory).resourceFile(id);
     if (!QFileInfo::exists(path))
         return ApiResponse::error(410, QStringLiteral("The file of this resource is missing"));
@@ -400,14 +402,15 @@ ApiResponse CatalogueApi::upload(Context &context, const QString &kind)
         if (!ok || write.version <= 0 || write.version >= 100)
             return ApiResponse::error(400, QStringLiteral("Version must be a number above 0 and below 100"));
     }
-    write.visibility = form.has(QStringLiteral("visibility_type")) ? form.text(QStringLiteral("visibility_type")).trimmed()
-                                                                   : QStringLiteral("public");
+    write.visibility = form.has(QStringLiteral("visibility_type"))
+                               ? form.text(QStringLiteral("visibility_type")).trimmed()
+                               : QStringLiteral("public");
     if (!isVisibility(write.visibility))
         return ApiResponse::error(400, QStringLiteral("visibility_type must be public, private or purchasable"));
     if (weights) {
         const QString encrypted = form.text(QStringLiteral("encrypted")).trimmed().toLower();
         if (!encrypted.isEmpty() && encrypted != QLatin1String("0") && encrypted != QLatin1String("1")
-                && encrypted != QLatin1String("true") && encrypted != QLatin1String("false"))
+            && encrypted != QLatin1String("true") && encrypted != QLatin1String("false"))
             return ApiResponse::error(400, QStringLiteral("encrypted must be 0 or 1"));
         write.encrypted = encrypted == QLatin1String("1") || encrypted == QLatin1String("true");
     }
@@ -440,8 +443,8 @@ ApiResponse CatalogueApi::upload(Context &context, const QString &kind)
         } else if (!weights && extension == QLatin1String("qenv")) {
             write.kind = write.subtype = QStringLiteral("qenv");
         } else if (!weights
-                && (extension == QLatin1String("gpc3") || extension == QLatin1String("gbc3")
-                        || extension == QLatin1String("py"))) {
+                   && (extension == QLatin1String("gpc3") || extension == QLatin1String("gbc3")
+                       || extension == QLatin1String("py"))) {
             write.kind = QStringLiteral("script");
             write.subtype = extension == QLatin1String("py") ? QStringLiteral("python") : extension;
         } else {
@@ -473,7 +476,8 @@ ApiResponse CatalogueApi::upload(Context &context, const QString &kind)
 
     QByteArray thumbnail;
     QByteArrayView header;
-    if (const MultipartForm::Part *imagePart = form.part(QStringLiteral("header_image")); imagePart && imagePart->size > 0) {
+    if (const MultipartForm::Part *imagePart = form.part(QStringLiteral("header_image"));
+        imagePart && imagePart->size > 0) {
         if (imagePart->size > imageLimit)
             return ApiResponse::error(413, QStringLiteral("Image too large (max %1)").arg(limitText(imageLimit)));
         header = form.data(*imagePart);
@@ -494,9 +498,9 @@ ApiResponse CatalogueApi::upload(Context &context, const QString &kind)
     write.id = existing.isValid() ? existing.id : QUuid::createUuid().toString(QUuid::WithoutBraces);
     ResourceFiles files(settings.dataDirectory);
     if (!files.prepare() || (file && !files.stage(files.resourceFile(write.id), form.data(*file)))
-            || (write.replaceImage
-                    && (!files.stage(files.headerImage(write.id), header)
-                            || !files.stage(files.thumbnailImage(write.id), thumbnail))))
+        || (write.replaceImage
+            && (!files.stage(files.headerImage(write.id), header)
+                || !files.stage(files.thumbnailImage(write.id), thumbnail))))
         return ApiResponse::error(507, QStringLiteral("Cannot store the upload"));
     if (!database->transaction())
         return ApiResponse::error(503, QStringLiteral("The catalogue is busy"));
@@ -506,9 +510,10 @@ ApiResponse CatalogueApi::upload(Context &context, const QString &kind)
     }
     files.confirm();
     QJsonObject record = withOrigin(database->record(write.id, context.caller), context.request.origin);
-    return ApiResponse::json({{QStringLiteral("success"), true},
-            {QStringLiteral("message"), existing.isValid() ? QStringLiteral("Updated") : QStringLiteral("Uploaded")},
-            {QStringLiteral("data"), record}});
+    return ApiResponse::json(
+            {{QStringLiteral("success"), true},
+             {QStringLiteral("message"), existing.isValid() ? QStringLiteral("Updated") : QStringLiteral("Uploaded")},
+             {QStringLiteral("data"), record}});
 }
 
 ApiResponse CatalogueApi::removeResource(Context &context, const QString &kind, const QString &id)
@@ -544,7 +549,8 @@ ApiResponse CatalogueApi::toggleLike(Context &context, const QString &kind, cons
     int count = 0;
     if (!database->toggleLike(id, context.user.id, &likedNow, &count))
         return ApiResponse::error(503, QStringLiteral("Cannot record the like"));
-    return ApiResponse::success(QJsonObject{{QStringLiteral("liked"), likedNow}, {QStringLiteral("like_count"), count}});
+    return ApiResponse::success(
+            QJsonObject{{QStringLiteral("liked"), likedNow}, {QStringLiteral("like_count"), count}});
 }
 
 ApiResponse CatalogueApi::liked(Context &context)
@@ -610,7 +616,7 @@ ApiResponse CatalogueApi::listAuthorizations(Context &context, const QString &id
     int offset = 0;
     int limit = 500;
     if (!readInteger(context.request, QStringLiteral("offset"), 0, 10000000, &offset)
-            || !readInteger(context.request, QStringLiteral("limit"), 1, 500, &limit))
+        || !readInteger(context.request, QStringLiteral("limit"), 1, 500, &limit))
         return ApiResponse::error(400, QStringLiteral("offset must be 0 or more and limit from 1 to 500"));
     const QString search = context.request.queryValue(QStringLiteral("search")).trimmed();
     if (search.size() > 100)
@@ -648,16 +654,18 @@ ApiResponse CatalogueApi::authorize(Context &context, const QString &id)
     switch (database->grant(id, discordId, notes, expires, &code)) {
     case CatalogueDatabase::GrantOutcome::Granted:
         return ApiResponse::json({{QStringLiteral("success"), true},
-                {QStringLiteral("message"), QStringLiteral("Access granted to %1").arg(discordId)},
-                {QStringLiteral("pending"), false}});
+                                  {QStringLiteral("message"), QStringLiteral("Access granted to %1").arg(discordId)},
+                                  {QStringLiteral("pending"), false}});
     case CatalogueDatabase::GrantOutcome::Pending:
-        return ApiResponse::json({{QStringLiteral("success"), true},
-                {QStringLiteral("message"),
-                        QStringLiteral("User %1 has not signed in yet. Access becomes active when they do.")
-                                .arg(discordId)},
-                {QStringLiteral("pending"), true}, {QStringLiteral("authorization_code"), code}});
+        return ApiResponse::json(
+                {{QStringLiteral("success"), true},
+                 {QStringLiteral("message"),
+                  QStringLiteral("User %1 has not signed in yet. Access becomes active when they do.").arg(discordId)},
+                 {QStringLiteral("pending"), true},
+                 {QStringLiteral("authorization_code"), code}});
     case CatalogueDatabase::GrantOutcome::AlreadyAuthorized:
-        return ApiResponse::error(409, QStringLiteral("User with Discord ID %1 is already authorized/pending.").arg(discordId));
+        return ApiResponse::error(
+                409, QStringLiteral("User with Discord ID %1 is already authorized/pending.").arg(discordId));
     case CatalogueDatabase::GrantOutcome::Failed:
         break;
     }
@@ -689,7 +697,7 @@ ApiResponse CatalogueApi::bulkAuthorize(Context &context, const QString &id)
         const QString discordId = value.toString();
         if (!value.isString() || !isDiscordId(discordId)) {
             errors.append(QJsonObject{{QStringLiteral("discord_id"), value},
-                    {QStringLiteral("error"), QStringLiteral("Invalid Discord ID format")}});
+                                      {QStringLiteral("error"), QStringLiteral("Invalid Discord ID format")}});
             continue;
         }
         // A bulk import only reaches people who have signed in; single grants can wait for the others.
@@ -712,7 +720,7 @@ ApiResponse CatalogueApi::bulkAuthorize(Context &context, const QString &id)
             break;
         case CatalogueDatabase::GrantOutcome::Failed:
             errors.append(QJsonObject{{QStringLiteral("discord_id"), discordId},
-                    {QStringLiteral("error"), QStringLiteral("Cannot record the authorization")}});
+                                      {QStringLiteral("error"), QStringLiteral("Cannot record the authorization")}});
             break;
         }
     }
@@ -721,8 +729,9 @@ ApiResponse CatalogueApi::bulkAuthorize(Context &context, const QString &id)
         return ApiResponse::error(503, QStringLiteral("Cannot record the authorizations"));
     }
     return ApiResponse::success(QJsonObject{{QStringLiteral("granted"), granted},
-            {QStringLiteral("already_authorized"), already}, {QStringLiteral("not_found"), missing},
-            {QStringLiteral("errors"), errors}});
+                                            {QStringLiteral("already_authorized"), already},
+                                            {QStringLiteral("not_found"), missing},
+                                            {QStringLiteral("errors"), errors}});
 }
 
 ApiResponse CatalogueApi::revoke(Context &context, const QString &id)
@@ -779,9 +788,10 @@ ApiResponse CatalogueApi::ban(Context &context, const QString &discordId, bool b
         return ApiResponse::error(400, QStringLiteral("reason must be a string of at most 500 characters"));
     if (!database->setBanned(discordId, banned, reason))
         return ApiResponse::error(503, QStringLiteral("Cannot record the ban"));
-    return ApiResponse::json({{QStringLiteral("success"), true},
-            {QStringLiteral("message"), banned ? QStringLiteral("User banned") : QStringLiteral("User unbanned")},
-            {QStringLiteral("data"), QJsonObject{{QStringLiteral("id"), discordId}}}});
+    return ApiResponse::json(
+            {{QStringLiteral("success"), true},
+             {QStringLiteral("message"), banned ? QStringLiteral("User banned") : QStringLiteral("User unbanned")},
+             {QStringLiteral("data"), QJsonObject{{QStringLiteral("id"), discordId}}}});
 }
 
 ApiResponse CatalogueApi::updateVisibility(Context &context, const QString &id)

@@ -15,39 +15,40 @@ namespace {
 
 // Each entry brings the schema from its index to the next version; new versions append a step.
 const QList<QStringList> migrations = {
-    {
-        QStringLiteral("CREATE TABLE users (id INTEGER PRIMARY KEY AUTOINCREMENT, discord_id TEXT NOT NULL UNIQUE,"
-                       " username TEXT NOT NULL DEFAULT '', global_name TEXT NOT NULL DEFAULT '',"
-                       " avatar TEXT NOT NULL DEFAULT '', signed_in INTEGER NOT NULL DEFAULT 0,"
-                       " banned INTEGER NOT NULL DEFAULT 0, ban_reason TEXT NOT NULL DEFAULT '',"
-                       " created TEXT NOT NULL)"),
-        QStringLiteral("CREATE TABLE sessions (token_hash TEXT PRIMARY KEY, user_id INTEGER NOT NULL,"
-                       " created TEXT NOT NULL)"),
-        QStringLiteral("CREATE TABLE resources (id TEXT PRIMARY KEY, kind TEXT NOT NULL, subtype TEXT NOT NULL,"
-                       " name TEXT NOT NULL, description TEXT NOT NULL, instructions TEXT NOT NULL DEFAULT '',"
-                       " tags TEXT NOT NULL DEFAULT '', version REAL NOT NULL DEFAULT 1,"
-                       " visibility TEXT NOT NULL, author_id INTEGER NOT NULL, file_name TEXT NOT NULL,"
-                       " file_size INTEGER NOT NULL, encrypted INTEGER NOT NULL DEFAULT 0,"
-                       " metadata TEXT NOT NULL DEFAULT '', image_type TEXT NOT NULL DEFAULT '',"
-                       " created TEXT NOT NULL, updated TEXT NOT NULL, downloads INTEGER NOT NULL DEFAULT 0,"
-                       " views INTEGER NOT NULL DEFAULT 0, likes INTEGER NOT NULL DEFAULT 0)"),
-        QStringLiteral("CREATE INDEX resources_kind_created ON resources(kind, created)"),
-        QStringLiteral("CREATE INDEX resources_author_file ON resources(author_id, file_name)"),
-        QStringLiteral("CREATE TABLE likes (user_id INTEGER NOT NULL, resource_id TEXT NOT NULL,"
-                       " created TEXT NOT NULL, PRIMARY KEY (user_id, resource_id))"),
-        QStringLiteral("CREATE INDEX likes_resource ON likes(resource_id)"),
-        QStringLiteral("CREATE TABLE authorizations (id INTEGER PRIMARY KEY AUTOINCREMENT,"
-                       " resource_id TEXT NOT NULL, discord_id TEXT NOT NULL, user_id INTEGER,"
-                       " status TEXT NOT NULL, notes TEXT NOT NULL DEFAULT '', expires_at TEXT,"
-                       " code TEXT NOT NULL DEFAULT '', download_count INTEGER NOT NULL DEFAULT 0,"
-                       " created TEXT NOT NULL, UNIQUE (resource_id, discord_id))"),
-        QStringLiteral("CREATE INDEX authorizations_user ON authorizations(user_id, resource_id)"),
-    },
-    {
-        // Popular is the default order: without this every page sorted the whole kind.
-        QStringLiteral("CREATE INDEX resources_kind_popularity ON resources(kind, downloads + likes * 10 DESC,"
-                       " created DESC)"),
-    },
+        {
+                QStringLiteral(
+                        "CREATE TABLE users (id INTEGER PRIMARY KEY AUTOINCREMENT, discord_id TEXT NOT NULL UNIQUE,"
+                        " username TEXT NOT NULL DEFAULT '', global_name TEXT NOT NULL DEFAULT '',"
+                        " avatar TEXT NOT NULL DEFAULT '', signed_in INTEGER NOT NULL DEFAULT 0,"
+                        " banned INTEGER NOT NULL DEFAULT 0, ban_reason TEXT NOT NULL DEFAULT '',"
+                        " created TEXT NOT NULL)"),
+                QStringLiteral("CREATE TABLE sessions (token_hash TEXT PRIMARY KEY, user_id INTEGER NOT NULL,"
+                               " created TEXT NOT NULL)"),
+                QStringLiteral("CREATE TABLE resources (id TEXT PRIMARY KEY, kind TEXT NOT NULL, subtype TEXT NOT NULL,"
+                               " name TEXT NOT NULL, description TEXT NOT NULL, instructions TEXT NOT NULL DEFAULT '',"
+                               " tags TEXT NOT NULL DEFAULT '', version REAL NOT NULL DEFAULT 1,"
+                               " visibility TEXT NOT NULL, author_id INTEGER NOT NULL, file_name TEXT NOT NULL,"
+                               " file_size INTEGER NOT NULL, encrypted INTEGER NOT NULL DEFAULT 0,"
+                               " metadata TEXT NOT NULL DEFAULT '', image_type TEXT NOT NULL DEFAULT '',"
+                               " created TEXT NOT NULL, updated TEXT NOT NULL, downloads INTEGER NOT NULL DEFAULT 0,"
+                               " views INTEGER NOT NULL DEFAULT 0, likes INTEGER NOT NULL DEFAULT 0)"),
+                QStringLiteral("CREATE INDEX resources_kind_created ON resources(kind, created)"),
+                QStringLiteral("CREATE INDEX resources_author_file ON resources(author_id, file_name)"),
+                QStringLiteral("CREATE TABLE likes (user_id INTEGER NOT NULL, resource_id TEXT NOT NULL,"
+                               " created TEXT NOT NULL, PRIMARY KEY (user_id, resource_id))"),
+                QStringLiteral("CREATE INDEX likes_resource ON likes(resource_id)"),
+                QStringLiteral("CREATE TABLE authorizations (id INTEGER PRIMARY KEY AUTOINCREMENT,"
+                               " resource_id TEXT NOT NULL, discord_id TEXT NOT NULL, user_id INTEGER,"
+                               " status TEXT NOT NULL, notes TEXT NOT NULL DEFAULT '', expires_at TEXT,"
+                               " code TEXT NOT NULL DEFAULT '', download_count INTEGER NOT NULL DEFAULT 0,"
+                               " created TEXT NOT NULL, UNIQUE (resource_id, discord_id))"),
+                QStringLiteral("CREATE INDEX authorizations_user ON authorizations(user_id, resource_id)"),
+        },
+        {
+                // Popular is the default order: without this every page sorted the whole kind.
+                QStringLiteral("CREATE INDEX resources_kind_popularity ON resources(kind, downloads + likes * 10 DESC,"
+                               " created DESC)"),
+        },
 };
 
 // A null QString binds as SQL NULL, which the NOT NULL text columns refuse.
@@ -88,46 +89,46 @@ QJsonObject recordFromRow(const QSqlQuery &query, bool canDownload)
     const QString kind = query.value(1).toString();
     const QString visibility = query.value(8).toString();
     QJsonObject record{
-        {QStringLiteral("id"), id},
-        {QStringLiteral("type"), query.value(2).toString()},
-        {QStringLiteral("name"), query.value(3).toString()},
-        {QStringLiteral("description"), query.value(4).toString()},
-        {QStringLiteral("instructions"), query.value(5).toString()},
-        {QStringLiteral("tags"),
-                QJsonArray::fromStringList(query.value(6).toString().split(QLatin1Char(','), Qt::SkipEmptyParts))},
-        {QStringLiteral("version"), query.value(7).toDouble()},
-        {QStringLiteral("visibility_type"), visibility},
-        {QStringLiteral("is_public"), visibility == QLatin1String("public")},
-        {QStringLiteral("file_name"), query.value(9).toString()},
-        {QStringLiteral("size"), query.value(10).toLongLong()},
-        {QStringLiteral("created"), query.value(14).toString()},
-        {QStringLiteral("updated"), query.value(15).toString()},
-        {QStringLiteral("downloads"), query.value(16).toLongLong()},
-        {QStringLiteral("views"), query.value(17).toLongLong()},
-        {QStringLiteral("likes"), query.value(18).toLongLong()},
-        {QStringLiteral("can_download"), canDownload},
+            {QStringLiteral("id"), id},
+            {QStringLiteral("type"), query.value(2).toString()},
+            {QStringLiteral("name"), query.value(3).toString()},
+            {QStringLiteral("description"), query.value(4).toString()},
+            {QStringLiteral("instructions"), query.value(5).toString()},
+            {QStringLiteral("tags"),
+             QJsonArray::fromStringList(query.value(6).toString().split(QLatin1Char(','), Qt::SkipEmptyParts))},
+            {QStringLiteral("version"), query.value(7).toDouble()},
+            {QStringLiteral("visibility_type"), visibility},
+            {QStringLiteral("is_public"), visibility == QLatin1String("public")},
+            {QStringLiteral("file_name"), query.value(9).toString()},
+            {QStringLiteral("size"), query.value(10).toLongLong()},
+            {QStringLiteral("created"), query.value(14).toString()},
+            {QStringLiteral("updated"), query.value(15).toString()},
+            {QStringLiteral("downloads"), query.value(16).toLongLong()},
+            {QStringLiteral("views"), query.value(17).toLongLong()},
+            {QStringLiteral("likes"), query.value(18).toLongLong()},
+            {QStringLiteral("can_download"), canDownload},
     };
     const QString globalName = query.value(21).toString();
     const QString username = query.value(20).toString();
     record.insert(QStringLiteral("author"),
-            QJsonObject{{QStringLiteral("username"), username},
-                    {QStringLiteral("name"), globalName.isEmpty() ? username : globalName},
-                    {QStringLiteral("global_name"), globalName},
-                    {QStringLiteral("discord_id"), query.value(19).toString()}});
+                  QJsonObject{{QStringLiteral("username"), username},
+                              {QStringLiteral("name"), globalName.isEmpty() ? username : globalName},
+                              {QStringLiteral("global_name"), globalName},
+                              {QStringLiteral("discord_id"), query.value(19).toString()}});
     // Image addresses are relative here; the API puts the origin the client reached in front.
     if (!query.value(13).toString().isEmpty()) {
         const QString header = QStringLiteral("/images/%1/header").arg(id);
         const QString thumbnail = QStringLiteral("/images/%1/thumbnail").arg(id);
         record.insert(QStringLiteral("thumbnail"), thumbnail);
         record.insert(QStringLiteral("images"),
-                QJsonObject{{QStringLiteral("header"), QJsonObject{{QStringLiteral("url"), header}}},
-                        {QStringLiteral("thumbnail"), QJsonObject{{QStringLiteral("url"), thumbnail}}}});
+                      QJsonObject{{QStringLiteral("header"), QJsonObject{{QStringLiteral("url"), header}}},
+                                  {QStringLiteral("thumbnail"), QJsonObject{{QStringLiteral("url"), thumbnail}}}});
     } else {
         record.insert(QStringLiteral("thumbnail"), QString());
     }
     if (kind == QLatin1String("qenv"))
         record.insert(QStringLiteral("qenv_metadata"),
-                QJsonDocument::fromJson(query.value(12).toString().toUtf8()).object());
+                      QJsonDocument::fromJson(query.value(12).toString().toUtf8()).object());
     if (kind == QLatin1String("onnx"))
         record.insert(QStringLiteral("is_encrypted"), query.value(11).toBool());
     return record;
@@ -138,8 +139,7 @@ QJsonObject recordFromRow(const QSqlQuery &query, bool canDownload)
 CatalogueDatabase::CatalogueDatabase(const QString &path)
     : path(path)
     , connectionName(QStringLiteral("catalogue-") + QUuid::createUuid().toString(QUuid::WithoutBraces))
-{
-}
+{ }
 
 CatalogueDatabase::~CatalogueDatabase()
 {
@@ -338,13 +338,13 @@ bool CatalogueDatabase::setBanned(const QString &discordId, bool banned, const Q
 QString CatalogueDatabase::accessCondition(const Caller &caller, bool forDownload) const
 {
     // Caller values are our own integers and timestamp, so they are written into the statement directly.
-    const QString authorized = QStringLiteral(
-            "EXISTS (SELECT 1 FROM authorizations a WHERE a.resource_id = r.id AND a.user_id = %1"
-            " AND a.status = 'active' AND (a.expires_at IS NULL OR a.expires_at > '%2'))")
-                                       .arg(caller.userId)
-                                       .arg(now());
-    const QString restricted = forDownload ? QStringLiteral("r.visibility = 'public'")
-                                           : QStringLiteral("r.visibility <> 'private'");
+    const QString authorized
+            = QStringLiteral("EXISTS (SELECT 1 FROM authorizations a WHERE a.resource_id = r.id AND a.user_id = %1"
+                             " AND a.status = 'active' AND (a.expires_at IS NULL OR a.expires_at > '%2'))")
+                      .arg(caller.userId)
+                      .arg(now());
+    const QString restricted
+            = forDownload ? QStringLiteral("r.visibility = 'public'") : QStringLiteral("r.visibility <> 'private'");
     if (caller.administrator)
         return QStringLiteral("1");
     if (caller.userId <= 0)
@@ -381,7 +381,8 @@ bool CatalogueDatabase::canSee(const Resource &resource, const Caller &caller)
     if (!resource.isValid() || resource.authorBanned)
         return false;
     QSqlQuery query(database());
-    query.prepare(QStringLiteral("SELECT 1 FROM resources r WHERE r.id = ? AND %1").arg(accessCondition(caller, false)));
+    query.prepare(
+            QStringLiteral("SELECT 1 FROM resources r WHERE r.id = ? AND %1").arg(accessCondition(caller, false)));
     query.addBindValue(resource.id);
     return query.exec() && query.next();
 }
@@ -409,9 +410,9 @@ CatalogueDatabase::ListPage CatalogueDatabase::list(const ListRequest &request, 
 {
     QString where = QStringLiteral("r.kind = '%1' AND u.banned = 0 AND %2")
                             .arg(request.kind == QLatin1String("qenv") || request.kind == QLatin1String("onnx")
-                                            ? request.kind
-                                            : QStringLiteral("script"),
-                                    accessCondition(caller, false));
+                                         ? request.kind
+                                         : QStringLiteral("script"),
+                                 accessCondition(caller, false));
     if (!request.subtypes.isEmpty())
         where += QStringLiteral(" AND r.subtype IN (%1)").arg(sqlList(request.subtypes));
     if (!request.search.isEmpty())
@@ -471,19 +472,18 @@ bool CatalogueDatabase::writeResource(const ResourceWrite &write, bool isNew)
     QSqlQuery query(database());
     const QString stamp = timestamp(write.created.isValid() ? write.created : QDateTime::currentDateTimeUtc());
     const QString metadata = write.metadata.isEmpty()
-            ? QString()
-            : QString::fromUtf8(QJsonDocument(write.metadata).toJson(QJsonDocument::Compact));
+                                     ? QString()
+                                     : QString::fromUtf8(QJsonDocument(write.metadata).toJson(QJsonDocument::Compact));
     if (isNew) {
         query.prepare(QStringLiteral(
                 "INSERT INTO resources (id, kind, subtype, name, description, instructions, tags, version,"
                 " visibility, author_id, file_name, file_size, encrypted, metadata, image_type, created, updated)"
                 " VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"));
-        for (const QVariant &value : {text(write.id), text(write.kind), text(write.subtype),
-                     text(write.name), text(write.description), text(write.instructions),
-                     text(write.tags.join(QLatin1Char(','))), QVariant(write.version), text(write.visibility),
-                     QVariant(write.authorId), text(write.fileName), QVariant(write.fileSize),
-                     QVariant(write.encrypted ? 1 : 0), text(metadata), text(write.imageType), text(stamp),
-                     text(stamp)})
+        for (const QVariant &value :
+             {text(write.id), text(write.kind), text(write.subtype), text(write.name), text(write.description),
+              text(write.instructions), text(write.tags.join(QLatin1Char(','))), QVariant(write.version),
+              text(write.visibility), QVariant(write.authorId), text(write.fileName), QVariant(write.fileSize),
+              QVariant(write.encrypted ? 1 : 0), text(metadata), text(write.imageType), text(stamp), text(stamp)})
             query.addBindValue(value);
         return query.exec();
     }
@@ -495,9 +495,10 @@ bool CatalogueDatabase::writeResource(const ResourceWrite &write, bool isNew)
         sql += QStringLiteral(", image_type = ?");
     sql += QStringLiteral(" WHERE id = ?");
     query.prepare(sql);
-    for (const QVariant &value : {text(write.subtype), text(write.name), text(write.description),
-                 text(write.instructions), text(write.tags.join(QLatin1Char(','))), QVariant(write.version),
-                 text(write.visibility), QVariant(write.encrypted ? 1 : 0), text(stamp)})
+    for (const QVariant &value :
+         {text(write.subtype), text(write.name), text(write.description), text(write.instructions),
+          text(write.tags.join(QLatin1Char(','))), QVariant(write.version), text(write.visibility),
+          QVariant(write.encrypted ? 1 : 0), text(stamp)})
         query.addBindValue(value);
     if (write.replaceFile) {
         query.addBindValue(text(write.fileName));
@@ -618,8 +619,7 @@ QStringList CatalogueDatabase::likedIds(const Caller &caller)
 }
 
 CatalogueDatabase::GrantOutcome CatalogueDatabase::grant(const QString &resourceId, const QString &discordId,
-                                                         const QString &notes, const QString &expiresAt,
-                                                         QString *code)
+                                                         const QString &notes, const QString &expiresAt, QString *code)
 {
     QSqlQuery query(database());
     query.prepare(QStringLiteral("SELECT 1 FROM authorizations WHERE resource_id = ? AND discord_id = ?"));
@@ -650,8 +650,7 @@ CatalogueDatabase::GrantOutcome CatalogueDatabase::grant(const QString &resource
     return user.isValid() ? GrantOutcome::Granted : GrantOutcome::Pending;
 }
 
-QJsonObject CatalogueDatabase::authorizations(const QString &resourceId, int offset, int limit,
-                                              const QString &search)
+QJsonObject CatalogueDatabase::authorizations(const QString &resourceId, int offset, int limit, const QString &search)
 {
     QString where = QStringLiteral("a.resource_id = :resource");
     if (!search.isEmpty())
@@ -671,7 +670,8 @@ QJsonObject CatalogueDatabase::authorizations(const QString &resourceId, int off
     QSqlQuery query(database());
     query.prepare(QStringLiteral("SELECT a.discord_id, u.username, u.global_name, a.status, a.notes, a.expires_at,"
                                  " a.download_count, a.user_id, a.created ")
-            + from + QStringLiteral(" ORDER BY a.created DESC, a.id DESC LIMIT %1 OFFSET %2").arg(limit).arg(offset));
+                  + from
+                  + QStringLiteral(" ORDER BY a.created DESC, a.id DESC LIMIT %1 OFFSET %2").arg(limit).arg(offset));
     bind(query);
     QJsonArray records;
     if (query.exec()) {
@@ -692,11 +692,12 @@ QJsonObject CatalogueDatabase::authorizations(const QString &resourceId, int off
             });
         }
     }
-    return QJsonObject{{QStringLiteral("authorizations"), records},
-            {QStringLiteral("pagination"),
-                    QJsonObject{{QStringLiteral("offset"), offset}, {QStringLiteral("limit"), limit},
-                            {QStringLiteral("total"), total},
-                            {QStringLiteral("has_more"), offset + records.size() < total}}}};
+    return QJsonObject{
+            {QStringLiteral("authorizations"), records},
+            {QStringLiteral("pagination"), QJsonObject{{QStringLiteral("offset"), offset},
+                                                       {QStringLiteral("limit"), limit},
+                                                       {QStringLiteral("total"), total},
+                                                       {QStringLiteral("has_more"), offset + records.size() < total}}}};
 }
 
 bool CatalogueDatabase::revoke(const QString &resourceId, qint64 userId, const QString &discordId)

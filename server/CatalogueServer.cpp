@@ -45,8 +45,7 @@ QByteArray methodName(QHttpServerRequest::Method method)
 CatalogueServer::CatalogueServer(const Options &options, QObject *parent)
     : QObject(parent)
     , options(options)
-{
-}
+{ }
 
 CatalogueServer::~CatalogueServer()
 {
@@ -58,8 +57,8 @@ CatalogueServer::~CatalogueServer()
 QString CatalogueServer::origin() const
 {
     const QString host = options.bindAddress.protocol() == QAbstractSocket::IPv6Protocol
-            ? QLatin1Char('[') + options.bindAddress.toString() + QLatin1Char(']')
-            : options.bindAddress.toString();
+                                 ? QLatin1Char('[') + options.bindAddress.toString() + QLatin1Char(']')
+                                 : options.bindAddress.toString();
     return QStringLiteral("http://%1:%2").arg(host).arg(boundPort);
 }
 
@@ -123,7 +122,8 @@ void CatalogueServer::onRequest(const QHttpServerRequest &request, QHttpServerRe
     for (const auto &header : headers)
         apiRequest.headers.insert(header.first.toLower(), header.second);
     apiRequest.body = request.body();
-    static const QRegularExpression hostPattern(QStringLiteral("^[A-Za-z0-9.\\-]+(:\\d{1,5})?$|^\\[[0-9a-fA-F:.]+\\](:\\d{1,5})?$"));
+    static const QRegularExpression hostPattern(
+            QStringLiteral("^[A-Za-z0-9.\\-]+(:\\d{1,5})?$|^\\[[0-9a-fA-F:.]+\\](:\\d{1,5})?$"));
     const QString host = QString::fromLatin1(apiRequest.header("host"));
     apiRequest.origin = hostPattern.match(host).hasMatch() ? QStringLiteral("http://") + host : origin();
 
@@ -138,7 +138,7 @@ void CatalogueServer::onRequest(const QHttpServerRequest &request, QHttpServerRe
         delete file;
         const ApiResponse missing = ApiResponse::error(404, QStringLiteral("File not found"));
         responder.write(missing.body, {{"Content-Type", missing.contentType}},
-                QHttpServerResponder::StatusCode::NotFound);
+                        QHttpServerResponder::StatusCode::NotFound);
         return;
     }
     const QByteArray disposition = response.contentDisposition();

@@ -14,7 +14,7 @@ QByteArray boundaryOf(const QByteArray &contentType)
     if (!contentType.trimmed().toLower().startsWith("multipart/form-data"))
         return {};
     static const QRegularExpression pattern(QStringLiteral("boundary=(\"([^\"]+)\"|([^;\\s]+))"),
-            QRegularExpression::CaseInsensitiveOption);
+                                            QRegularExpression::CaseInsensitiveOption);
     const QRegularExpressionMatch match = pattern.match(QString::fromLatin1(contentType));
     if (!match.hasMatch())
         return {};
@@ -26,7 +26,7 @@ QByteArray boundaryOf(const QByteArray &contentType)
 QString dispositionParameter(const QString &disposition, const QString &key)
 {
     const QRegularExpression pattern(QStringLiteral("(?:^|;)\\s*%1=\"([^\"]*)\"").arg(key),
-            QRegularExpression::CaseInsensitiveOption);
+                                     QRegularExpression::CaseInsensitiveOption);
     return pattern.match(disposition).captured(1);
 }
 

@@ -49,7 +49,7 @@ QenvPackage QenvPackage::parse(QByteArrayView content, QString *error)
         return package;
     }
     if (!readStrings(object.value(QStringLiteral("packages")), &package.packages)
-            || !readStrings(object.value(QStringLiteral("extra_index_urls")), &package.extraIndexUrls)) {
+        || !readStrings(object.value(QStringLiteral("extra_index_urls")), &package.extraIndexUrls)) {
         *error = QStringLiteral("Environment package lists must be arrays of strings");
         return package;
     }
@@ -59,15 +59,15 @@ QenvPackage QenvPackage::parse(QByteArrayView content, QString *error)
 QJsonObject QenvPackage::metadata() const
 {
     QJsonObject metadata{{QStringLiteral("python"), python.isEmpty() ? QStringLiteral("3.x") : python},
-            {QStringLiteral("package_count"), packages.size()},
-            {QStringLiteral("packages"), QJsonArray::fromStringList(packages)}};
+                         {QStringLiteral("package_count"), packages.size()},
+                         {QStringLiteral("packages"), QJsonArray::fromStringList(packages)}};
     // PyTorch-style indexes name the CUDA release they were built for, e.g. .../whl/cu121 for CUDA 12.1.
     static const QRegularExpression cudaIndex(QStringLiteral("/cu(\\d{2})(\\d)\\b"));
     for (const QString &url : extraIndexUrls) {
         const QRegularExpressionMatch match = cudaIndex.match(url);
         if (match.hasMatch()) {
             metadata.insert(QStringLiteral("cuda"),
-                    QString::number(match.captured(1).toInt()) + QLatin1Char('.') + match.captured(2));
+                            QString::number(match.captured(1).toInt()) + QLatin1Char('.') + match.captured(2));
             break;
         }
     }

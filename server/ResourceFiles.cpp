@@ -1,8 +1,8 @@
 #include "ResourceFiles.h"
 
 #include <QDir>
-#include <QFileInfo>
 #include <QFile>
+#include <QFileInfo>
 #include <QSaveFile>
 
 namespace Quorix {
@@ -15,8 +15,7 @@ const QString backupSuffix = QStringLiteral(".previous");
 
 ResourceFiles::ResourceFiles(const QString &dataDirectory)
     : directory(dataDirectory)
-{
-}
+{ }
 
 ResourceFiles::~ResourceFiles()
 {

@@ -17,19 +17,22 @@ int main(int argc, char *argv[])
     QCommandLineParser parser;
     parser.setApplicationDescription(QStringLiteral("Reference catalogue server for Quorix Online Resources"));
     parser.addHelpOption();
-    const QCommandLineOption dataDirOption(QStringLiteral("data-dir"),
-            QStringLiteral("Folder for the database, the files and the images (required)."), QStringLiteral("dir"));
+    const QCommandLineOption dataDirOption(
+            QStringLiteral("data-dir"), QStringLiteral("Folder for the database, the files and the images (required)."),
+            QStringLiteral("dir"));
     const QCommandLineOption portOption(QStringLiteral("port"), QStringLiteral("TCP port to listen on (default 8787)."),
-            QStringLiteral("n"), QStringLiteral("8787"));
+                                        QStringLiteral("n"), QStringLiteral("8787"));
     const QCommandLineOption bindOption(QStringLiteral("bind"),
-            QStringLiteral("Address to listen on (default 127.0.0.1)."), QStringLiteral("addr"),
-            QStringLiteral("127.0.0.1"));
+                                        QStringLiteral("Address to listen on (default 127.0.0.1)."),
+                                        QStringLiteral("addr"), QStringLiteral("127.0.0.1"));
     const QCommandLineOption seedOption(QStringLiteral("seed-demo"),
-            QStringLiteral("Fill an empty catalogue with demo resources."));
-    const QCommandLineOption devLoginOption(QStringLiteral("dev-login"),
+                                        QStringLiteral("Fill an empty catalogue with demo resources."));
+    const QCommandLineOption devLoginOption(
+            QStringLiteral("dev-login"),
             QStringLiteral("Offer POST /api/auth/dev-login, which signs anyone in without Discord. Development only."));
     const QCommandLineOption adminOption(QStringLiteral("admin-ids"),
-            QStringLiteral("Comma-separated Discord IDs with administrator rights."), QStringLiteral("ids"));
+                                         QStringLiteral("Comma-separated Discord IDs with administrator rights."),
+                                         QStringLiteral("ids"));
     parser.addOptions({dataDirOption, portOption, bindOption, seedOption, devLoginOption, adminOption});
     parser.process(app);
 

@@ -36,8 +36,9 @@ bool DemoSession::start(QString *error)
     user.discordId = QString::fromLatin1(DemoCatalogue::demoUserDiscordId);
     user.username = QString::fromLatin1(DemoCatalogue::demoUsername);
     user.globalName = QString::fromLatin1(DemoCatalogue::demoGlobalName);
-    const QJsonObject body{{QStringLiteral("discord_id"), user.discordId}, {QStringLiteral("username"), user.username},
-            {QStringLiteral("global_name"), user.globalName}};
+    const QJsonObject body{{QStringLiteral("discord_id"), user.discordId},
+                           {QStringLiteral("username"), user.username},
+                           {QStringLiteral("global_name"), user.globalName}};
     QNetworkAccessManager network;
     network.setProxy(QNetworkProxy::NoProxy);
     QNetworkRequest request(QUrl(server->origin() + QStringLiteral("/api/auth/dev-login")));

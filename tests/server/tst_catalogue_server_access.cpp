@@ -43,8 +43,10 @@ private Q_SLOTS:
         stranger = server->signIn(strangerId, QStringLiteral("stranger"));
         admin = server->signIn(adminId, QStringLiteral("admin"));
         publicId = idOf(server->uploadScript(author, QStringLiteral("public.gpc3"), "public bytes"));
-        privateId = idOf(server->uploadScript(author, QStringLiteral("private.gpc3"), "private bytes", QStringLiteral("private")));
-        lockedId = idOf(server->uploadScript(author, QStringLiteral("locked.gpc3"), "locked bytes", QStringLiteral("purchasable")));
+        privateId = idOf(server->uploadScript(author, QStringLiteral("private.gpc3"), "private bytes",
+                                              QStringLiteral("private")));
+        lockedId = idOf(server->uploadScript(author, QStringLiteral("locked.gpc3"), "locked bytes",
+                                             QStringLiteral("purchasable")));
         QVERIFY(!publicId.isEmpty() && !privateId.isEmpty() && !lockedId.isEmpty());
     }
 
@@ -66,8 +68,10 @@ private Q_SLOTS:
         QFETCH(bool, seesPrivate);
         QFETCH(bool, downloadsLocked);
         for (const QString &id : {privateId, lockedId}) {
-            const auto grant = server->postJson(QStringLiteral("authorize/") + id,
-                    {{QStringLiteral("discord_id"), friendId}, {QStringLiteral("notes"), QStringLiteral("tester")}}, author);
+            const auto grant = server->postJson(
+                    QStringLiteral("authorize/") + id,
+                    {{QStringLiteral("discord_id"), friendId}, {QStringLiteral("notes"), QStringLiteral("tester")}},
+                    author);
             QCOMPARE(grant.json.value(QStringLiteral("pending")).toBool(true), false);
         }
         const QString token = tokenOf(who);
@@ -85,20 +89,27 @@ private Q_SLOTS:
             QCOMPARE(locked.status, token.isEmpty() ? 401 : 403);
             QVERIFY(locked.header("content-type").contains("application/json"));
         }
-        const QJsonObject record = server->get(QStringLiteral("details/") + lockedId, token).json.value(QStringLiteral("data")).toObject();
+        const QJsonObject record = server->get(QStringLiteral("details/") + lockedId, token)
+                                           .json.value(QStringLiteral("data"))
+                                           .toObject();
         QCOMPARE(record.value(QStringLiteral("can_download")).toBool(), downloadsLocked);
         QCOMPARE(record.value(QStringLiteral("visibility_type")).toString(), QStringLiteral("purchasable"));
     }
 
     void authorizationPagesCarryRecordsAndPagination()
     {
-        server->postJson(QStringLiteral("authorize/") + privateId,
-                {{QStringLiteral("discord_id"), friendId}, {QStringLiteral("notes"), QStringLiteral("early access")},
-                        {QStringLiteral("expires_at"), QDateTime::currentDateTimeUtc().addDays(30).toString(Qt::ISODate)}},
+        server->postJson(
+                QStringLiteral("authorize/") + privateId,
+                {{QStringLiteral("discord_id"), friendId},
+                 {QStringLiteral("notes"), QStringLiteral("early access")},
+                 {QStringLiteral("expires_at"), QDateTime::currentDateTimeUtc().addDays(30).toString(Qt::ISODate)}},
                 author);
-        server->postJson(QStringLiteral("authorize/") + privateId, {{QStringLiteral("discord_id"), strangerId}}, author);
-        const auto page = server->send("GET", server->apiUrl(QStringLiteral("authorizations/") + privateId + QStringLiteral("?offset=0&limit=1")),
-                {}, {{"Accept", "application/json"}}, author);
+        server->postJson(QStringLiteral("authorize/") + privateId, {{QStringLiteral("discord_id"), strangerId}},
+                         author);
+        const auto page = server->send(
+                "GET",
+                server->apiUrl(QStringLiteral("authorizations/") + privateId + QStringLiteral("?offset=0&limit=1")), {},
+                {{"Accept", "application/json"}}, author);
         QCOMPARE(page.status, 200);
         const QJsonObject data = page.json.value(QStringLiteral("data")).toObject();
         const QJsonObject pagination = data.value(QStringLiteral("pagination")).toObject();
@@ -107,8 +118,12 @@ private Q_SLOTS:
         QCOMPARE(pagination.value(QStringLiteral("has_more")).toBool(), true);
         QCOMPARE(data.value(QStringLiteral("authorizations")).toArray().size(), 1);
 
-        const auto search = server->get(QStringLiteral("authorizations/") + privateId + QStringLiteral("?search=good"), author);
-        const QJsonArray found = search.json.value(QStringLiteral("data")).toObject().value(QStringLiteral("authorizations")).toArray();
+        const auto search
+                = server->get(QStringLiteral("authorizations/") + privateId + QStringLiteral("?search=good"), author);
+        const QJsonArray found = search.json.value(QStringLiteral("data"))
+                                         .toObject()
+                                         .value(QStringLiteral("authorizations"))
+                                         .toArray();
         QCOMPARE(found.size(), 1);
         const QJsonObject record = found.first().toObject();
         QCOMPARE(record.value(QStringLiteral("discord_id")).toString(), friendId);
@@ -122,34 +137,51 @@ private Q_SLOTS:
 
         QCOMPARE(server->get(QStringLiteral("authorizations/") + privateId, friendToken).status, 403);
         QCOMPARE(server->get(QStringLiteral("authorizations/") + privateId, admin).status, 200);
-        const auto duplicate = server->postJson(QStringLiteral("authorize/") + privateId, {{QStringLiteral("discord_id"), friendId}}, author);
+        const auto duplicate = server->postJson(QStringLiteral("authorize/") + privateId,
+                                                {{QStringLiteral("discord_id"), friendId}}, author);
         QCOMPARE(duplicate.json.value(QStringLiteral("success")).toBool(true), false);
-        QCOMPARE(server->postJson(QStringLiteral("authorize/") + privateId, {{QStringLiteral("discord_id"), adminId}}, stranger).status, 403);
+        QCOMPARE(server->postJson(QStringLiteral("authorize/") + privateId, {{QStringLiteral("discord_id"), adminId}},
+                                  stranger)
+                         .status,
+                 403);
     }
 
     void pendingGrantBecomesActiveWhenClaimed()
     {
-        const auto grant = server->postJson(QStringLiteral("authorize/") + privateId, {{QStringLiteral("discord_id"), latecomerId}}, author);
+        const auto grant = server->postJson(QStringLiteral("authorize/") + privateId,
+                                            {{QStringLiteral("discord_id"), latecomerId}}, author);
         QCOMPARE(grant.json.value(QStringLiteral("success")).toBool(), true);
         QCOMPARE(grant.json.value(QStringLiteral("pending")).toBool(), true);
         QVERIFY(!grant.json.value(QStringLiteral("authorization_code")).toString().isEmpty());
         QVERIFY(!grant.json.value(QStringLiteral("message")).toString().isEmpty());
         const QJsonObject pending = server->get(QStringLiteral("authorizations/") + privateId, author)
-                                            .json.value(QStringLiteral("data")).toObject()
-                                            .value(QStringLiteral("authorizations")).toArray().first().toObject();
+                                            .json.value(QStringLiteral("data"))
+                                            .toObject()
+                                            .value(QStringLiteral("authorizations"))
+                                            .toArray()
+                                            .first()
+                                            .toObject();
         QCOMPARE(pending.value(QStringLiteral("status")).toString(), QStringLiteral("pending"));
 
         const QString latecomer = server->signIn(latecomerId, QStringLiteral("latecomer"));
         QCOMPARE(server->get(QStringLiteral("details/") + privateId, latecomer).status, 404);
-        const auto claim = server->post(QStringLiteral("claim-authorizations"), {}, latecomer, {{"Content-Type", "application/json"}});
+        const auto claim = server->post(QStringLiteral("claim-authorizations"), {}, latecomer,
+                                        {{"Content-Type", "application/json"}});
         QCOMPARE(claim.json.value(QStringLiteral("success")).toBool(), true);
         QCOMPARE(claim.json.value(QStringLiteral("claimed")).toInt(), 1);
         QCOMPARE(server->get(QStringLiteral("download/") + privateId, latecomer).body, QByteArray("private bytes"));
-        QCOMPARE(server->post(QStringLiteral("claim-authorizations"), {}, latecomer).json.value(QStringLiteral("claimed")).toInt(), 0);
+        QCOMPARE(server->post(QStringLiteral("claim-authorizations"), {}, latecomer)
+                         .json.value(QStringLiteral("claimed"))
+                         .toInt(),
+                 0);
         QCOMPARE(server->post(QStringLiteral("claim-authorizations"), {}).status, 401);
         const QJsonObject active = server->get(QStringLiteral("authorizations/") + privateId, author)
-                                           .json.value(QStringLiteral("data")).toObject()
-                                           .value(QStringLiteral("authorizations")).toArray().first().toObject();
+                                           .json.value(QStringLiteral("data"))
+                                           .toObject()
+                                           .value(QStringLiteral("authorizations"))
+                                           .toArray()
+                                           .first()
+                                           .toObject();
         QCOMPARE(active.value(QStringLiteral("status")).toString(), QStringLiteral("active"));
         QCOMPARE(active.value(QStringLiteral("download_count")).toInt(), 1);
     }
@@ -157,10 +189,12 @@ private Q_SLOTS:
     void bulkGrantsCountEachOutcome()
     {
         server->postJson(QStringLiteral("authorize/") + lockedId, {{QStringLiteral("discord_id"), friendId}}, author);
-        const auto reply = server->postJson(QStringLiteral("bulk-authorize/") + lockedId,
-                {{QStringLiteral("discord_ids"), QJsonArray{friendId, strangerId, latecomerId, QStringLiteral("12ab"), 42, strangerId}},
-                        {QStringLiteral("notes"), QStringLiteral("Bulk import")}},
-                author);
+        const auto reply
+                = server->postJson(QStringLiteral("bulk-authorize/") + lockedId,
+                                   {{QStringLiteral("discord_ids"), QJsonArray{friendId, strangerId, latecomerId,
+                                                                               QStringLiteral("12ab"), 42, strangerId}},
+                                    {QStringLiteral("notes"), QStringLiteral("Bulk import")}},
+                                   author);
         QCOMPARE(reply.status, 200);
         const QJsonObject data = reply.json.value(QStringLiteral("data")).toObject();
         QCOMPARE(data.value(QStringLiteral("granted")).toInt(), 1);
@@ -173,33 +207,55 @@ private Q_SLOTS:
     void revokeByUserNumberOrDiscordId()
     {
         server->postJson(QStringLiteral("authorize/") + privateId, {{QStringLiteral("discord_id"), friendId}}, author);
-        server->postJson(QStringLiteral("authorize/") + privateId, {{QStringLiteral("discord_id"), latecomerId}}, author);
+        server->postJson(QStringLiteral("authorize/") + privateId, {{QStringLiteral("discord_id"), latecomerId}},
+                         author);
         const QJsonArray records = server->get(QStringLiteral("authorizations/") + privateId, author)
-                                           .json.value(QStringLiteral("data")).toObject()
-                                           .value(QStringLiteral("authorizations")).toArray();
+                                           .json.value(QStringLiteral("data"))
+                                           .toObject()
+                                           .value(QStringLiteral("authorizations"))
+                                           .toArray();
         qint64 friendUserId = 0;
         for (const QJsonValue &record : records) {
             if (record.toObject().value(QStringLiteral("discord_id")).toString() == friendId)
                 friendUserId = record.toObject().value(QStringLiteral("user_id")).toInteger();
         }
         QVERIFY(friendUserId >= 1);
-        QCOMPARE(server->postJson(QStringLiteral("revoke/") + privateId, {{QStringLiteral("user_id"), friendUserId}}, stranger).status, 403);
+        QCOMPARE(server->postJson(QStringLiteral("revoke/") + privateId, {{QStringLiteral("user_id"), friendUserId}},
+                                  stranger)
+                         .status,
+                 403);
         auto revoked = server->postJson(QStringLiteral("revoke/") + privateId,
-                {{QStringLiteral("user_id"), friendUserId}, {QStringLiteral("reason"), QStringLiteral("Revoked by script author")}}, author);
+                                        {{QStringLiteral("user_id"), friendUserId},
+                                         {QStringLiteral("reason"), QStringLiteral("Revoked by script author")}},
+                                        author);
         QCOMPARE(revoked.json.value(QStringLiteral("success")).toBool(), true);
         QCOMPARE(server->get(QStringLiteral("details/") + privateId, friendToken).status, 404);
-        revoked = server->postJson(QStringLiteral("revoke/") + privateId, {{QStringLiteral("user_id"), latecomerId}}, author);
+        revoked = server->postJson(QStringLiteral("revoke/") + privateId, {{QStringLiteral("user_id"), latecomerId}},
+                                   author);
         QCOMPARE(revoked.json.value(QStringLiteral("success")).toBool(), true);
-        QCOMPARE(server->get(QStringLiteral("authorizations/") + privateId, author).json.value(QStringLiteral("data")).toObject()
-                         .value(QStringLiteral("pagination")).toObject().value(QStringLiteral("total")).toInt(), 0);
-        QCOMPARE(server->postJson(QStringLiteral("revoke/") + privateId, {{QStringLiteral("user_id"), friendUserId}}, author).status, 404);
+        QCOMPARE(server->get(QStringLiteral("authorizations/") + privateId, author)
+                         .json.value(QStringLiteral("data"))
+                         .toObject()
+                         .value(QStringLiteral("pagination"))
+                         .toObject()
+                         .value(QStringLiteral("total"))
+                         .toInt(),
+                 0);
+        QCOMPARE(server->postJson(QStringLiteral("revoke/") + privateId, {{QStringLiteral("user_id"), friendUserId}},
+                                  author)
+                         .status,
+                 404);
     }
 
     void banHidesResourcesAndBlocksUploads()
     {
-        QCOMPARE(server->postJson(QStringLiteral("ban/") + authorId, {{QStringLiteral("reason"), QStringLiteral("spam")}}, stranger).status, 403);
+        QCOMPARE(server->postJson(QStringLiteral("ban/") + authorId,
+                                  {{QStringLiteral("reason"), QStringLiteral("spam")}}, stranger)
+                         .status,
+                 403);
         QCOMPARE(server->postJson(QStringLiteral("ban/") + adminId, {}, admin).status, 400);
-        const auto ban = server->post(QStringLiteral("ban/") + authorId, "{}", admin, {{"Content-Type", "application/json"}});
+        const auto ban
+                = server->post(QStringLiteral("ban/") + authorId, "{}", admin, {{"Content-Type", "application/json"}});
         QCOMPARE(ban.json.value(QStringLiteral("success")).toBool(), true);
         QCOMPARE(ban.json.value(QStringLiteral("data")).toObject().value(QStringLiteral("id")).toString(), authorId);
         QCOMPARE(listedIds(server->get(QStringLiteral("?limit=50"), stranger)), QStringList());
@@ -231,9 +287,10 @@ private Q_SLOTS:
 
     void expiredGrantsGiveNoAccess()
     {
-        server->postJson(QStringLiteral("authorize/") + privateId,
+        server->postJson(
+                QStringLiteral("authorize/") + privateId,
                 {{QStringLiteral("discord_id"), friendId},
-                        {QStringLiteral("expires_at"), QDateTime::currentDateTimeUtc().addSecs(2).toString(Qt::ISODate)}},
+                 {QStringLiteral("expires_at"), QDateTime::currentDateTimeUtc().addSecs(2).toString(Qt::ISODate)}},
                 author);
         QCOMPARE(server->get(QStringLiteral("details/") + privateId, friendToken).status, 200);
         QTest::qWait(3000);

@@ -51,8 +51,8 @@ private Q_SLOTS:
         author = server.signIn(authorId, QStringLiteral("author"), QStringLiteral("The Author"));
         fan = server.signIn(fanId, QStringLiteral("fan"));
         QVERIFY(!author.isEmpty() && !fan.isEmpty());
-        const QStringList files{QStringLiteral("alpha.gpc3"), QStringLiteral("bravo.gbc3"), QStringLiteral("charlie.py"),
-                QStringLiteral("delta.gpc3"), QStringLiteral("echo.py")};
+        const QStringList files{QStringLiteral("alpha.gpc3"), QStringLiteral("bravo.gbc3"),
+                                QStringLiteral("charlie.py"), QStringLiteral("delta.gpc3"), QStringLiteral("echo.py")};
         for (const QString &file : files) {
             const auto reply = server.uploadScript(author, file, "content of " + file.toUtf8());
             QCOMPARE(reply.status, 200);
@@ -74,7 +74,8 @@ private Q_SLOTS:
         const QJsonObject record = scripts.first().toObject();
         QCOMPARE(record.value(QStringLiteral("id")).toString(), ids.first());
         QCOMPARE(record.value(QStringLiteral("type")).toString(), QStringLiteral("gpc3"));
-        QCOMPARE(record.value(QStringLiteral("tags")).toArray(), QJsonArray({QStringLiteral("test"), QStringLiteral("upload")}));
+        QCOMPARE(record.value(QStringLiteral("tags")).toArray(),
+                 QJsonArray({QStringLiteral("test"), QStringLiteral("upload")}));
         QCOMPARE(record.value(QStringLiteral("version")).toDouble(), 1.0);
         QCOMPARE(record.value(QStringLiteral("visibility_type")).toString(), QStringLiteral("public"));
         QCOMPARE(record.value(QStringLiteral("can_download")).toBool(), true);
@@ -86,7 +87,8 @@ private Q_SLOTS:
 
         const auto last = server.get(QStringLiteral("?page=3&limit=2&sort=oldest"));
         QCOMPARE(last.json.value(QStringLiteral("scripts")).toArray().size(), 1);
-        QCOMPARE(last.json.value(QStringLiteral("pagination")).toObject().value(QStringLiteral("current_page")).toInt(), 3);
+        QCOMPARE(last.json.value(QStringLiteral("pagination")).toObject().value(QStringLiteral("current_page")).toInt(),
+                 3);
     }
 
     void typeFilterSelectsSubtypes_data()
@@ -95,12 +97,12 @@ private Q_SLOTS:
         QTest::addColumn<QStringList>("names");
         QTest::newRow("all") << QStringLiteral("all")
                              << QStringList{QStringLiteral("Script alpha.gpc3"), QStringLiteral("Script bravo.gbc3"),
-                                        QStringLiteral("Script charlie.py"), QStringLiteral("Script delta.gpc3"),
-                                        QStringLiteral("Script echo.py")};
-        QTest::newRow("gpc3 covers gbc3") << QStringLiteral("gpc3")
-                                          << QStringList{QStringLiteral("Script alpha.gpc3"),
-                                                     QStringLiteral("Script bravo.gbc3"),
-                                                     QStringLiteral("Script delta.gpc3")};
+                                            QStringLiteral("Script charlie.py"), QStringLiteral("Script delta.gpc3"),
+                                            QStringLiteral("Script echo.py")};
+        QTest::newRow("gpc3 covers gbc3")
+                << QStringLiteral("gpc3")
+                << QStringList{QStringLiteral("Script alpha.gpc3"), QStringLiteral("Script bravo.gbc3"),
+                               QStringLiteral("Script delta.gpc3")};
         QTest::newRow("py") << QStringLiteral("py")
                             << QStringList{QStringLiteral("Script charlie.py"), QStringLiteral("Script echo.py")};
     }
@@ -116,12 +118,23 @@ private Q_SLOTS:
     void searchMatchesNameDescriptionAndTags()
     {
         QCOMPARE(namesOf(server.get(QStringLiteral("?search=CHARLIE")).json.value(QStringLiteral("scripts")).toArray()),
-                QStringList{QStringLiteral("Script charlie.py")});
-        QCOMPARE(server.get(QStringLiteral("?search=uploaded%20by")).json.value(QStringLiteral("pagination")).toObject().value(QStringLiteral("total_scripts")).toInt(), 5);
-        QCOMPARE(server.get(QStringLiteral("?search=upload")).json.value(QStringLiteral("scripts")).toArray().size(), 5);
+                 QStringList{QStringLiteral("Script charlie.py")});
+        QCOMPARE(server.get(QStringLiteral("?search=uploaded%20by"))
+                         .json.value(QStringLiteral("pagination"))
+                         .toObject()
+                         .value(QStringLiteral("total_scripts"))
+                         .toInt(),
+                 5);
+        QCOMPARE(server.get(QStringLiteral("?search=upload")).json.value(QStringLiteral("scripts")).toArray().size(),
+                 5);
         // LIKE wildcards in the search text are literal characters.
         QCOMPARE(server.get(QStringLiteral("?search=%25")).json.value(QStringLiteral("scripts")).toArray().size(), 0);
-        QCOMPARE(server.get(QStringLiteral("?search=nothing-matches")).json.value(QStringLiteral("pagination")).toObject().value(QStringLiteral("total_scripts")).toInt(), 0);
+        QCOMPARE(server.get(QStringLiteral("?search=nothing-matches"))
+                         .json.value(QStringLiteral("pagination"))
+                         .toObject()
+                         .value(QStringLiteral("total_scripts"))
+                         .toInt(),
+                 0);
     }
 
     void likesToggleAndOrderPopularAndMyLiked()
@@ -140,10 +153,13 @@ private Q_SLOTS:
         QCOMPARE(top.value(QStringLiteral("likes")).toInt(), 2);
 
         QCOMPARE(server.get(QStringLiteral("liked"), fan).json.value(QStringLiteral("data")).toArray(),
-                QJsonArray{target});
-        QCOMPARE(namesOf(server.get(QStringLiteral("?sort=my_liked"), fan).json.value(QStringLiteral("scripts")).toArray()),
-                QStringList{QStringLiteral("Script delta.gpc3")});
-        QCOMPARE(server.get(QStringLiteral("?sort=my_liked")).json.value(QStringLiteral("scripts")).toArray().size(), 0);
+                 QJsonArray{target});
+        QCOMPARE(namesOf(server.get(QStringLiteral("?sort=my_liked"), fan)
+                                 .json.value(QStringLiteral("scripts"))
+                                 .toArray()),
+                 QStringList{QStringLiteral("Script delta.gpc3")});
+        QCOMPARE(server.get(QStringLiteral("?sort=my_liked")).json.value(QStringLiteral("scripts")).toArray().size(),
+                 0);
 
         like = server.post(QStringLiteral("like/") + target, {}, fan, {{"Content-Type", "application/json"}});
         QCOMPARE(like.json.value(QStringLiteral("data")).toObject().value(QStringLiteral("liked")).toBool(), false);
@@ -162,7 +178,8 @@ private Q_SLOTS:
         QCOMPARE(download.body, QByteArray("content of bravo.gbc3"));
         QCOMPARE(download.header("content-disposition"), QByteArray("attachment; filename=\"bravo.gbc3\""));
         QVERIFY(!download.header("content-type").contains("application/json"));
-        const QJsonObject after = server.get(QStringLiteral("details/") + target).json.value(QStringLiteral("data")).toObject();
+        const QJsonObject after
+                = server.get(QStringLiteral("details/") + target).json.value(QStringLiteral("data")).toObject();
         QCOMPARE(after.value(QStringLiteral("downloads")).toInt(), 1);
         QCOMPARE(after.value(QStringLiteral("views")).toInt(), 2);
     }
@@ -170,39 +187,51 @@ private Q_SLOTS:
     void checkExistingFindsOwnFileAndUpdateKeepsTheId()
     {
         auto check = server.postJson(QStringLiteral("check-existing"),
-                {{QStringLiteral("name"), QStringLiteral("echo.py")}, {QStringLiteral("script_type"), QStringLiteral("py")}},
-                author);
+                                     {{QStringLiteral("name"), QStringLiteral("echo.py")},
+                                      {QStringLiteral("script_type"), QStringLiteral("py")}},
+                                     author);
         QCOMPARE(check.json.value(QStringLiteral("success")).toBool(), true);
         QCOMPARE(check.json.value(QStringLiteral("exists")).toBool(), true);
         QCOMPARE(check.json.value(QStringLiteral("data")).toObject().value(QStringLiteral("id")).toString(), ids.at(4));
         check = server.postJson(QStringLiteral("check-existing"),
-                {{QStringLiteral("name"), QStringLiteral("echo.py")}, {QStringLiteral("script_type"), QStringLiteral("py")}},
-                fan);
+                                {{QStringLiteral("name"), QStringLiteral("echo.py")},
+                                 {QStringLiteral("script_type"), QStringLiteral("py")}},
+                                fan);
         QCOMPARE(check.json.value(QStringLiteral("exists")).toBool(), false);
         check = server.postJson(QStringLiteral("check-existing"),
-                {{QStringLiteral("name"), QStringLiteral("echo.py")}, {QStringLiteral("script_type"), QStringLiteral("gpc3")}},
-                author);
+                                {{QStringLiteral("name"), QStringLiteral("echo.py")},
+                                 {QStringLiteral("script_type"), QStringLiteral("gpc3")}},
+                                author);
         QCOMPARE(check.json.value(QStringLiteral("exists")).toBool(), false);
 
-        const auto update = server.upload(QStringLiteral("upload"), author,
-                {{QStringLiteral("name"), QStringLiteral("Echo Two")},
-                        {QStringLiteral("description"), QStringLiteral("The second version of echo")},
-                        {QStringLiteral("existing_uuid"), ids.at(4)}, {QStringLiteral("version"), QStringLiteral("2.5")},
-                        {QStringLiteral("visibility_type"), QStringLiteral("public")}},
-                {{QStringLiteral("script_file"), QStringLiteral("echo.py"), "print('v2')\n"}});
+        const auto update
+                = server.upload(QStringLiteral("upload"), author,
+                                {{QStringLiteral("name"), QStringLiteral("Echo Two")},
+                                 {QStringLiteral("description"), QStringLiteral("The second version of echo")},
+                                 {QStringLiteral("existing_uuid"), ids.at(4)},
+                                 {QStringLiteral("version"), QStringLiteral("2.5")},
+                                 {QStringLiteral("visibility_type"), QStringLiteral("public")}},
+                                {{QStringLiteral("script_file"), QStringLiteral("echo.py"), "print('v2')\n"}});
         QCOMPARE(update.status, 200);
         QCOMPARE(idOf(update), ids.at(4));
-        const QJsonObject record = server.get(QStringLiteral("details/") + ids.at(4)).json.value(QStringLiteral("data")).toObject();
+        const QJsonObject record
+                = server.get(QStringLiteral("details/") + ids.at(4)).json.value(QStringLiteral("data")).toObject();
         QCOMPARE(record.value(QStringLiteral("name")).toString(), QStringLiteral("Echo Two"));
         QCOMPARE(record.value(QStringLiteral("version")).toDouble(), 2.5);
         QCOMPARE(server.get(QStringLiteral("download/") + ids.at(4)).body, QByteArray("print('v2')\n"));
-        QCOMPARE(server.get(QStringLiteral("?limit=100")).json.value(QStringLiteral("pagination")).toObject().value(QStringLiteral("total_scripts")).toInt(), 5);
+        QCOMPARE(server.get(QStringLiteral("?limit=100"))
+                         .json.value(QStringLiteral("pagination"))
+                         .toObject()
+                         .value(QStringLiteral("total_scripts"))
+                         .toInt(),
+                 5);
         QCOMPARE(QDir(server.dataDirectory() + QStringLiteral("/files")).entryList(QDir::Files).size(), 5);
     }
 
     void updatingSomeoneElsesResourceIsRefused()
     {
-        const auto reply = server.uploadScript(fan, QStringLiteral("alpha.gpc3"), "stolen", QStringLiteral("public"), ids.first());
+        const auto reply = server.uploadScript(fan, QStringLiteral("alpha.gpc3"), "stolen", QStringLiteral("public"),
+                                               ids.first());
         QCOMPARE(reply.status, 403);
         QCOMPARE(server.get(QStringLiteral("download/") + ids.first()).body, QByteArray("content of alpha.gpc3"));
     }
@@ -212,14 +241,23 @@ private Q_SLOTS:
         const QByteArray qenv = R"({"name": "GPU", "python": "3.11", "packages": ["torch==2.2.1", "numpy"],
             "extra_index_urls": ["https://download.pytorch.org/whl/cu121"]})";
         const auto reply = server.upload(QStringLiteral("upload"), author,
-                {{QStringLiteral("name"), QStringLiteral("GPU environment")},
-                        {QStringLiteral("description"), QStringLiteral("Torch with CUDA wheels")}},
-                {{QStringLiteral("script_file"), QStringLiteral("gpu.qenv"), qenv}});
+                                         {{QStringLiteral("name"), QStringLiteral("GPU environment")},
+                                          {QStringLiteral("description"), QStringLiteral("Torch with CUDA wheels")}},
+                                         {{QStringLiteral("script_file"), QStringLiteral("gpu.qenv"), qenv}});
         QCOMPARE(reply.status, 200);
         const QString id = idOf(reply);
-        QCOMPARE(server.get(QString()).json.value(QStringLiteral("pagination")).toObject().value(QStringLiteral("total_scripts")).toInt(), 5);
+        QCOMPARE(server.get(QString())
+                         .json.value(QStringLiteral("pagination"))
+                         .toObject()
+                         .value(QStringLiteral("total_scripts"))
+                         .toInt(),
+                 5);
         const auto list = server.get(QStringLiteral("qenv/list"));
-        QCOMPARE(list.json.value(QStringLiteral("pagination")).toObject().value(QStringLiteral("total_environments")).toInt(), 1);
+        QCOMPARE(list.json.value(QStringLiteral("pagination"))
+                         .toObject()
+                         .value(QStringLiteral("total_environments"))
+                         .toInt(),
+                 1);
         const QJsonObject record = list.json.value(QStringLiteral("environments")).toArray().first().toObject();
         QCOMPARE(record.value(QStringLiteral("id")).toString(), id);
         const QJsonObject metadata = record.value(QStringLiteral("qenv_metadata")).toObject();
@@ -228,8 +266,9 @@ private Q_SLOTS:
         QCOMPARE(metadata.value(QStringLiteral("cuda")).toString(), QStringLiteral("12.1"));
         QCOMPARE(server.get(QStringLiteral("qenv/download/") + id).body, qenv);
         const auto check = server.postJson(QStringLiteral("check-existing"),
-                {{QStringLiteral("name"), QStringLiteral("gpu.qenv")}, {QStringLiteral("script_type"), QStringLiteral("qenv")}},
-                author);
+                                           {{QStringLiteral("name"), QStringLiteral("gpu.qenv")},
+                                            {QStringLiteral("script_type"), QStringLiteral("qenv")}},
+                                           author);
         QCOMPARE(check.json.value(QStringLiteral("data")).toObject().value(QStringLiteral("id")).toString(), id);
     }
 
@@ -237,13 +276,14 @@ private Q_SLOTS:
     {
         const QByteArray model(300000, '\x07');
         const auto reply = server.upload(QStringLiteral("onnx/upload"), author,
-                {{QStringLiteral("name"), QStringLiteral("Detector")},
-                        {QStringLiteral("description"), QStringLiteral("Finds things in frames")},
-                        {QStringLiteral("encrypted"), QStringLiteral("1")}},
-                {{QStringLiteral("onnx_file"), QStringLiteral("detector.onnx"), model}});
+                                         {{QStringLiteral("name"), QStringLiteral("Detector")},
+                                          {QStringLiteral("description"), QStringLiteral("Finds things in frames")},
+                                          {QStringLiteral("encrypted"), QStringLiteral("1")}},
+                                         {{QStringLiteral("onnx_file"), QStringLiteral("detector.onnx"), model}});
         QCOMPARE(reply.status, 200);
         const QString id = idOf(reply);
-        const QJsonObject record = server.get(QStringLiteral("onnx/details/") + id).json.value(QStringLiteral("data")).toObject();
+        const QJsonObject record
+                = server.get(QStringLiteral("onnx/details/") + id).json.value(QStringLiteral("data")).toObject();
         QCOMPARE(record.value(QStringLiteral("is_encrypted")).toBool(), true);
         QCOMPARE(record.value(QStringLiteral("size")).toInteger(), model.size());
         const auto download = server.get(QStringLiteral("onnx/download/") + id);
@@ -255,14 +295,20 @@ private Q_SLOTS:
     void headerImagesAreServedByIdWithThumbnails()
     {
         const QByteArray picture = pngBytes(1100, 560);
-        const auto reply = server.upload(QStringLiteral("upload"), author,
-                {{QStringLiteral("name"), QStringLiteral("Pictured")},
-                        {QStringLiteral("description"), QStringLiteral("A script with a header image")}},
-                {{QStringLiteral("script_file"), QStringLiteral("pictured.gpc3"), "main {}"},
-                        {QStringLiteral("header_image"), QStringLiteral("header.png"), picture}});
+        const auto reply
+                = server.upload(QStringLiteral("upload"), author,
+                                {{QStringLiteral("name"), QStringLiteral("Pictured")},
+                                 {QStringLiteral("description"), QStringLiteral("A script with a header image")}},
+                                {{QStringLiteral("script_file"), QStringLiteral("pictured.gpc3"), "main {}"},
+                                 {QStringLiteral("header_image"), QStringLiteral("header.png"), picture}});
         QCOMPARE(reply.status, 200);
         const QJsonObject record = reply.json.value(QStringLiteral("data")).toObject();
-        const QString header = record.value(QStringLiteral("images")).toObject().value(QStringLiteral("header")).toObject().value(QStringLiteral("url")).toString();
+        const QString header = record.value(QStringLiteral("images"))
+                                       .toObject()
+                                       .value(QStringLiteral("header"))
+                                       .toObject()
+                                       .value(QStringLiteral("url"))
+                                       .toString();
         const QString thumbnail = record.value(QStringLiteral("thumbnail")).toString();
         QCOMPARE(header, server.origin() + QStringLiteral("/images/%1/header").arg(idOf(reply)));
         QCOMPARE(server.send("GET", header, {}, {}, {}).body, picture);
@@ -270,11 +316,12 @@ private Q_SLOTS:
         QVERIFY(!small.isNull());
         QVERIFY(small.width() <= 600);
 
-        const auto notAnImage = server.upload(QStringLiteral("upload"), author,
-                {{QStringLiteral("name"), QStringLiteral("Fake picture")},
-                        {QStringLiteral("description"), QStringLiteral("The picture is a text file")}},
-                {{QStringLiteral("script_file"), QStringLiteral("fake.gpc3"), "main {}"},
-                        {QStringLiteral("header_image"), QStringLiteral("header.png"), "hello"}});
+        const auto notAnImage
+                = server.upload(QStringLiteral("upload"), author,
+                                {{QStringLiteral("name"), QStringLiteral("Fake picture")},
+                                 {QStringLiteral("description"), QStringLiteral("The picture is a text file")}},
+                                {{QStringLiteral("script_file"), QStringLiteral("fake.gpc3"), "main {}"},
+                                 {QStringLiteral("header_image"), QStringLiteral("header.png"), "hello"}});
         QCOMPARE(notAnImage.status, 400);
     }
 
@@ -295,15 +342,21 @@ private Q_SLOTS:
         CatalogueServerFixture seeded(true);
         QVERIFY2(seeded.start(), qPrintable(seeded.error()));
         const auto scripts = seeded.get(QStringLiteral("?limit=100"));
-        QVERIFY(scripts.json.value(QStringLiteral("pagination")).toObject().value(QStringLiteral("total_scripts")).toInt() >= 24);
+        QVERIFY(scripts.json.value(QStringLiteral("pagination"))
+                        .toObject()
+                        .value(QStringLiteral("total_scripts"))
+                        .toInt()
+                >= 24);
         QSet<QString> subtypes;
         for (const QJsonValue &record : scripts.json.value(QStringLiteral("scripts")).toArray())
             subtypes.insert(record.toObject().value(QStringLiteral("type")).toString());
         QCOMPARE(subtypes, (QSet<QString>{QStringLiteral("gpc3"), QStringLiteral("gbc3"), QStringLiteral("python")}));
-        const QJsonArray environments = seeded.get(QStringLiteral("qenv/list")).json.value(QStringLiteral("environments")).toArray();
+        const QJsonArray environments
+                = seeded.get(QStringLiteral("qenv/list")).json.value(QStringLiteral("environments")).toArray();
         QVERIFY(environments.size() >= 3);
         const QString envId = environments.first().toObject().value(QStringLiteral("id")).toString();
-        const QJsonObject qenv = QJsonDocument::fromJson(seeded.get(QStringLiteral("qenv/download/") + envId).body).object();
+        const QJsonObject qenv
+                = QJsonDocument::fromJson(seeded.get(QStringLiteral("qenv/download/") + envId).body).object();
         QVERIFY(qenv.contains(QStringLiteral("python")));
         QVERIFY(!qenv.value(QStringLiteral("packages")).toArray().isEmpty());
         QVERIFY(seeded.get(QStringLiteral("onnx/list")).json.value(QStringLiteral("weights")).toArray().size() >= 3);

@@ -46,7 +46,7 @@ private Q_SLOTS:
         QFETCH(QString, path);
         QFETCH(QByteArray, body);
         const auto reply = server.post(path.contains(QLatin1String("%1")) ? path.arg(existingId) : path, body, token,
-                {{"Content-Type", "application/json"}});
+                                       {{"Content-Type", "application/json"}});
         QCOMPARE(reply.status, 400);
         QCOMPARE(reply.json.value(QStringLiteral("success")).toBool(true), false);
         QCOMPARE(reply.json.value(QStringLiteral("error")).toString(), QStringLiteral("Invalid JSON body"));
@@ -58,22 +58,24 @@ private Q_SLOTS:
         QTest::addColumn<QByteArray>("body");
         QTest::newRow("name as number") << QStringLiteral("check-existing")
                                         << QByteArray(R"({"name": 12, "script_type": "gpc3"})");
-        QTest::newRow("unknown script type") << QStringLiteral("check-existing")
-                                             << QByteArray(R"({"name": "a.exe", "script_type": "exe"})");
-        QTest::newRow("discord id as number") << QStringLiteral("authorize/%1")
-                                              << QByteArray(R"({"discord_id": 222222222222222222})");
-        QTest::newRow("discord id too short") << QStringLiteral("authorize/%1") << QByteArray(R"({"discord_id": "1234"})");
-        QTest::newRow("expiry not a date") << QStringLiteral("authorize/%1")
-                                           << QByteArray(R"({"discord_id": "222222222222222222", "expires_at": "soon"})");
+        QTest::newRow("unknown script type")
+                << QStringLiteral("check-existing") << QByteArray(R"({"name": "a.exe", "script_type": "exe"})");
+        QTest::newRow("discord id as number")
+                << QStringLiteral("authorize/%1") << QByteArray(R"({"discord_id": 222222222222222222})");
+        QTest::newRow("discord id too short")
+                << QStringLiteral("authorize/%1") << QByteArray(R"({"discord_id": "1234"})");
+        QTest::newRow("expiry not a date")
+                << QStringLiteral("authorize/%1")
+                << QByteArray(R"({"discord_id": "222222222222222222", "expires_at": "soon"})");
         QTest::newRow("expiry in the past")
                 << QStringLiteral("authorize/%1")
                 << QByteArray(R"({"discord_id": "222222222222222222", "expires_at": "2001-01-01T00:00:00Z"})");
-        QTest::newRow("bulk ids not an array") << QStringLiteral("bulk-authorize/%1")
-                                               << QByteArray(R"({"discord_ids": "222222222222222222"})");
+        QTest::newRow("bulk ids not an array")
+                << QStringLiteral("bulk-authorize/%1") << QByteArray(R"({"discord_ids": "222222222222222222"})");
         QTest::newRow("revoke user id fraction") << QStringLiteral("revoke/%1") << QByteArray(R"({"user_id": 1.5})");
         QTest::newRow("revoke user id negative") << QStringLiteral("revoke/%1") << QByteArray(R"({"user_id": -3})");
-        QTest::newRow("visibility unknown") << QStringLiteral("visibility/%1")
-                                            << QByteArray(R"({"visibility_type": "secret"})");
+        QTest::newRow("visibility unknown")
+                << QStringLiteral("visibility/%1") << QByteArray(R"({"visibility_type": "secret"})");
     }
 
     void wrongTypesAreRefused()
@@ -81,7 +83,7 @@ private Q_SLOTS:
         QFETCH(QString, path);
         QFETCH(QByteArray, body);
         const auto reply = server.post(path.contains(QLatin1String("%1")) ? path.arg(existingId) : path, body, token,
-                {{"Content-Type", "application/json"}});
+                                       {{"Content-Type", "application/json"}});
         QCOMPARE(reply.status, 400);
         QVERIFY(!reply.json.value(QStringLiteral("error")).toString().isEmpty());
     }
@@ -157,16 +159,18 @@ private Q_SLOTS:
     void oversizeBodiesAreRefusedWith413()
     {
         const auto json = server.post(QStringLiteral("check-existing"), QByteArray(2 * 1024 * 1024, ' '), token,
-                {{"Content-Type", "application/json"}});
+                                      {{"Content-Type", "application/json"}});
         QCOMPARE(json.status, 413);
 
-        const auto script = server.uploadScript(token, QStringLiteral("huge.gpc3"), QByteArray(10 * 1024 * 1024 + 1, 'x'));
+        const auto script
+                = server.uploadScript(token, QStringLiteral("huge.gpc3"), QByteArray(10 * 1024 * 1024 + 1, 'x'));
         QCOMPARE(script.status, 413);
-        const auto image = server.upload(QStringLiteral("upload"), token,
+        const auto image = server.upload(
+                QStringLiteral("upload"), token,
                 {{QStringLiteral("name"), QStringLiteral("With picture")},
-                        {QStringLiteral("description"), QStringLiteral("Has a very large picture")}},
+                 {QStringLiteral("description"), QStringLiteral("Has a very large picture")}},
                 {{QStringLiteral("script_file"), QStringLiteral("pic.gpc3"), "main {}"},
-                        {QStringLiteral("header_image"), QStringLiteral("big.png"), QByteArray(4 * 1024 * 1024 + 1, 0)}});
+                 {QStringLiteral("header_image"), QStringLiteral("big.png"), QByteArray(4 * 1024 * 1024 + 1, 0)}});
         QCOMPARE(image.status, 413);
         QVERIFY(QDir(server.dataDirectory() + QStringLiteral("/files")).entryList(QDir::Files).size() == 1);
     }
@@ -199,21 +203,22 @@ private Q_SLOTS:
         QTest::addColumn<QString>("value");
         QTest::addColumn<QString>("fileName");
         QTest::newRow("short name") << QStringLiteral("name") << QStringLiteral("ab") << QStringLiteral("a.gpc3");
-        QTest::newRow("short description") << QStringLiteral("description") << QStringLiteral("short")
-                                           << QStringLiteral("a.gpc3");
+        QTest::newRow("short description")
+                << QStringLiteral("description") << QStringLiteral("short") << QStringLiteral("a.gpc3");
         QTest::newRow("version text") << QStringLiteral("version") << QStringLiteral("one") << QStringLiteral("a.gpc3");
-        QTest::newRow("version too big") << QStringLiteral("version") << QStringLiteral("100") << QStringLiteral("a.gpc3");
-        QTest::newRow("visibility unknown") << QStringLiteral("visibility_type") << QStringLiteral("friends")
-                                            << QStringLiteral("a.gpc3");
+        QTest::newRow("version too big") << QStringLiteral("version") << QStringLiteral("100")
+                                         << QStringLiteral("a.gpc3");
+        QTest::newRow("visibility unknown")
+                << QStringLiteral("visibility_type") << QStringLiteral("friends") << QStringLiteral("a.gpc3");
         QTest::newRow("tag too long") << QStringLiteral("tags") << QString(65, QLatin1Char('t'))
                                       << QStringLiteral("a.gpc3");
-        QTest::newRow("existing id malformed") << QStringLiteral("existing_uuid") << QStringLiteral("../../x")
-                                               << QStringLiteral("a.gpc3");
+        QTest::newRow("existing id malformed")
+                << QStringLiteral("existing_uuid") << QStringLiteral("../../x") << QStringLiteral("a.gpc3");
         QTest::newRow("executable file") << QStringLiteral("tags") << QStringLiteral("x") << QStringLiteral("a.exe");
-        QTest::newRow("weights through script upload") << QStringLiteral("tags") << QStringLiteral("x")
-                                                       << QStringLiteral("model.onnx");
-        QTest::newRow("broken environment") << QStringLiteral("tags") << QStringLiteral("x")
-                                            << QStringLiteral("broken.qenv");
+        QTest::newRow("weights through script upload")
+                << QStringLiteral("tags") << QStringLiteral("x") << QStringLiteral("model.onnx");
+        QTest::newRow("broken environment")
+                << QStringLiteral("tags") << QStringLiteral("x") << QStringLiteral("broken.qenv");
     }
 
     void invalidUploadFieldsAreRefused()
@@ -221,7 +226,8 @@ private Q_SLOTS:
         QFETCH(QString, field);
         QFETCH(QString, value);
         QFETCH(QString, fileName);
-        QList<QPair<QString, QString>> fields{{QStringLiteral("name"), QStringLiteral("Valid name")},
+        QList<QPair<QString, QString>> fields{
+                {QStringLiteral("name"), QStringLiteral("Valid name")},
                 {QStringLiteral("description"), QStringLiteral("A valid description text")}};
         for (auto &pair : fields) {
             if (pair.first == field)
@@ -230,7 +236,7 @@ private Q_SLOTS:
         if (field != QLatin1String("name") && field != QLatin1String("description"))
             fields.append({field, value});
         const auto reply = server.upload(QStringLiteral("upload"), token, fields,
-                {{QStringLiteral("script_file"), fileName, "{ not json or a script }"}});
+                                         {{QStringLiteral("script_file"), fileName, "{ not json or a script }"}});
         QCOMPARE(reply.status, 400);
         QCOMPARE(QDir(server.dataDirectory() + QStringLiteral("/files")).entryList(QDir::Files).size(), 1);
     }
@@ -249,7 +255,8 @@ private Q_SLOTS:
         QTcpSocket socket;
         socket.connectToHost(QHostAddress::LocalHost, server.port());
         QVERIFY(socket.waitForConnected(5000));
-        socket.write("\x16\x03\x01 definitely not http\r\n\r\nGET /api/scripts/ HTTP/9.9\r\nContent-Length: -5\r\n\r\n");
+        socket.write(
+                "\x16\x03\x01 definitely not http\r\n\r\nGET /api/scripts/ HTTP/9.9\r\nContent-Length: -5\r\n\r\n");
         socket.waitForBytesWritten(5000);
         socket.waitForReadyRead(2000);
         socket.close();

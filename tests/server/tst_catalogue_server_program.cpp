@@ -38,7 +38,7 @@ private Q_SLOTS:
         QProcess server;
         server.setProcessChannelMode(QProcess::MergedChannels);
         server.start(program, {QStringLiteral("--data-dir"), data.path(), QStringLiteral("--port"), QStringLiteral("0"),
-                                      QStringLiteral("--dev-login")});
+                               QStringLiteral("--dev-login")});
         QVERIFY(server.waitForStarted(10000));
         QString origin;
         static const QRegularExpression listening(QStringLiteral("listening on (http://\\S+)"));
@@ -48,11 +48,12 @@ private Q_SLOTS:
         }
         QVERIFY2(!origin.isEmpty(), server.readAll().constData());
 
-        const QJsonObject login = QJsonDocument::fromJson(curl({QStringLiteral("-X"), QStringLiteral("POST"),
-                                                                  QStringLiteral("-d"),
-                                                                  QStringLiteral(R"({"discord_id":"123456789012345678","username":"curl"})"),
-                                                                  origin + QStringLiteral("/api/auth/dev-login")}))
-                                          .object();
+        const QJsonObject login
+                = QJsonDocument::fromJson(
+                          curl({QStringLiteral("-X"), QStringLiteral("POST"), QStringLiteral("-d"),
+                                QStringLiteral(R"({"discord_id":"123456789012345678","username":"curl"})"),
+                                origin + QStringLiteral("/api/auth/dev-login")}))
+                          .object();
         const QString token = login.value(QStringLiteral("token")).toString();
         QVERIFY(!token.isEmpty());
 
@@ -65,20 +66,23 @@ private Q_SLOTS:
         script.write(content);
         script.close();
 
-        const QJsonObject uploaded = QJsonDocument::fromJson(
-                curl({QStringLiteral("-H"), QStringLiteral("Authorization: Bearer ") + token, QStringLiteral("-H"),
-                        QStringLiteral("Expect:"), QStringLiteral("-F"), QStringLiteral("name=Curl upload"),
-                        QStringLiteral("-F"), QStringLiteral("description=Uploaded by curl in a test"),
-                        QStringLiteral("-F"), QStringLiteral("tags=curl,test"), QStringLiteral("-F"),
-                        QStringLiteral("script_file=@") + scriptPath, origin + QStringLiteral("/api/scripts/upload")}))
-                                             .object();
+        const QJsonObject uploaded
+                = QJsonDocument::fromJson(curl({QStringLiteral("-H"), QStringLiteral("Authorization: Bearer ") + token,
+                                                QStringLiteral("-H"), QStringLiteral("Expect:"), QStringLiteral("-F"),
+                                                QStringLiteral("name=Curl upload"), QStringLiteral("-F"),
+                                                QStringLiteral("description=Uploaded by curl in a test"),
+                                                QStringLiteral("-F"), QStringLiteral("tags=curl,test"),
+                                                QStringLiteral("-F"), QStringLiteral("script_file=@") + scriptPath,
+                                                origin + QStringLiteral("/api/scripts/upload")}))
+                          .object();
         QCOMPARE(uploaded.value(QStringLiteral("success")).toBool(), true);
         const QString id = uploaded.value(QStringLiteral("data")).toObject().value(QStringLiteral("id")).toString();
 
         const QString downloaded = files.filePath(QStringLiteral("downloaded"));
         const QByteArray headers = curl({QStringLiteral("-D"), QStringLiteral("-"), QStringLiteral("-o"), downloaded,
-                origin + QStringLiteral("/api/scripts/download/") + id});
-        QVERIFY2(headers.contains("Content-Disposition: attachment; filename=\"binary script.gpc3\""), headers.constData());
+                                         origin + QStringLiteral("/api/scripts/download/") + id});
+        QVERIFY2(headers.contains("Content-Disposition: attachment; filename=\"binary script.gpc3\""),
+                 headers.constData());
         QFile result(downloaded);
         QVERIFY(result.open(QIODevice::ReadOnly));
         QCOMPARE(result.readAll(), content);
@@ -91,9 +95,10 @@ private:
     QByteArray curl(const QStringList &arguments)
     {
         QProcess process;
-        process.start(QStringLiteral("curl"), QStringList{QStringLiteral("-sS"), QStringLiteral("--max-time"),
-                                                      QStringLiteral("30"), QStringLiteral("--noproxy"), QStringLiteral("*")}
-                                                      + arguments);
+        process.start(QStringLiteral("curl"),
+                      QStringList{QStringLiteral("-sS"), QStringLiteral("--max-time"), QStringLiteral("30"),
+                                  QStringLiteral("--noproxy"), QStringLiteral("*")}
+                              + arguments);
         if (!process.waitForFinished(40000))
             return {};
         return process.readAllStandardOutput();

@@ -18,13 +18,13 @@ QByteArray multipartBody(const QByteArray &boundary, const QList<QPair<QString, 
 {
     QByteArray body;
     for (const auto &field : fields) {
-        body += "--" + boundary + "\r\nContent-Disposition: form-data; name=\"" + field.first.toUtf8()
-                + "\"\r\n\r\n" + field.second.toUtf8() + "\r\n";
+        body += "--" + boundary + "\r\nContent-Disposition: form-data; name=\"" + field.first.toUtf8() + "\"\r\n\r\n"
+                + field.second.toUtf8() + "\r\n";
     }
     for (const auto &file : files) {
-        body += "--" + boundary + "\r\nContent-Disposition: form-data; name=\"" + file.part.toUtf8()
-                + "\"; filename=\"" + file.fileName.toUtf8()
-                + "\"\r\nContent-Type: application/octet-stream\r\n\r\n" + file.content + "\r\n";
+        body += "--" + boundary + "\r\nContent-Disposition: form-data; name=\"" + file.part.toUtf8() + "\"; filename=\""
+                + file.fileName.toUtf8() + "\"\r\nContent-Type: application/octet-stream\r\n\r\n" + file.content
+                + "\r\n";
     }
     body += "--" + boundary + "--\r\n";
     return body;
@@ -68,10 +68,11 @@ QString CatalogueServerFixture::apiUrl(const QString &path) const
 
 QString CatalogueServerFixture::signIn(const QString &discordId, const QString &username, const QString &globalName)
 {
-    const QJsonObject body{{QStringLiteral("discord_id"), discordId}, {QStringLiteral("username"), username},
-            {QStringLiteral("global_name"), globalName}};
-    const Reply reply = send("POST", origin() + QStringLiteral("/api/auth/dev-login"),
-            QJsonDocument(body).toJson(), {{"Content-Type", "application/json"}}, QString());
+    const QJsonObject body{{QStringLiteral("discord_id"), discordId},
+                           {QStringLiteral("username"), username},
+                           {QStringLiteral("global_name"), globalName}};
+    const Reply reply = send("POST", origin() + QStringLiteral("/api/auth/dev-login"), QJsonDocument(body).toJson(),
+                             {{"Content-Type", "application/json"}}, QString());
     return reply.json.value(QStringLiteral("token")).toString();
 }
 
@@ -91,13 +92,13 @@ CatalogueServerFixture::Reply CatalogueServerFixture::postJson(const QString &pa
                                                                const QString &token)
 {
     return post(path, QJsonDocument(body).toJson(QJsonDocument::Indented), token,
-            {{"Content-Type", "application/json"}});
+                {{"Content-Type", "application/json"}});
 }
 
 CatalogueServerFixture::Reply CatalogueServerFixture::remove(const QString &path, const QString &token)
 {
     return post(path + QStringLiteral("?_method=DELETE"), "_method=DELETE", token,
-            {{"Content-Type", "application/x-www-form-urlencoded"}, {"X-HTTP-Method-Override", "DELETE"}});
+                {{"Content-Type", "application/x-www-form-urlencoded"}, {"X-HTTP-Method-Override", "DELETE"}});
 }
 
 CatalogueServerFixture::Reply CatalogueServerFixture::upload(const QString &path, const QString &token,
@@ -106,15 +107,15 @@ CatalogueServerFixture::Reply CatalogueServerFixture::upload(const QString &path
 {
     const QByteArray boundary = "----quorixTestBoundary7MA4YWxk";
     return post(path, multipartBody(boundary, fields, files), token,
-            {{"Content-Type", "multipart/form-data; boundary=" + boundary}});
+                {{"Content-Type", "multipart/form-data; boundary=" + boundary}});
 }
 
 CatalogueServerFixture::Reply CatalogueServerFixture::uploadScript(const QString &token, const QString &fileName,
-                                                                   const QByteArray &content,
-                                                                   const QString &visibility,
+                                                                   const QByteArray &content, const QString &visibility,
                                                                    const QString &existingId)
 {
-    QList<QPair<QString, QString>> fields{{QStringLiteral("name"), QStringLiteral("Script ") + fileName},
+    QList<QPair<QString, QString>> fields{
+            {QStringLiteral("name"), QStringLiteral("Script ") + fileName},
             {QStringLiteral("description"), QStringLiteral("A script uploaded by a test")},
             {QStringLiteral("tags"), QStringLiteral("test,upload")}};
     if (!existingId.isEmpty())
