@@ -24,6 +24,10 @@ public:
         QSet<QString> administratorIds;
     };
 
+    // QHttpServer 6.4 reads a whole request body into memory before any handler runs: there is neither streaming
+    // nor a hook to refuse on Content-Length. So the limits below are checked once a body has arrived, and an upload
+    // costs about two to three times its size in memory while it is handled (measured: 420 MB peak for a 200 MB
+    // weights upload, 1.6 GB for a refused 530 MB one). Bodies above bodyLimit() get 413 without being parsed.
     static constexpr qint64 scriptLimit = 10 * 1024 * 1024;
     static constexpr qint64 weightsLimit = 500 * 1024 * 1024;
     static constexpr qint64 imageLimit = 4 * 1024 * 1024;

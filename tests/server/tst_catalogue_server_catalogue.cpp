@@ -4,6 +4,8 @@
 #include <QImage>
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <QSqlDatabase>
+#include <QSqlQuery>
 #include <QtTest>
 
 using Quorix::Testing::CatalogueServerFixture;
@@ -362,6 +364,33 @@ private Q_SLOTS:
         QVERIFY(seeded.get(QStringLiteral("onnx/list")).json.value(QStringLiteral("weights")).toArray().size() >= 3);
         const QString thumbnail = environments.first().toObject().value(QStringLiteral("thumbnail")).toString();
         QVERIFY(!QImage::fromData(seeded.send("GET", thumbnail, {}, {}, {}).body).isNull());
+    }
+
+    void schemaIsVersionedAndNewerCataloguesAreRefused()
+    {
+        QTemporaryDir directory;
+        Quorix::CatalogueServer::Options options;
+        options.dataDirectory = directory.path();
+        options.port = 0;
+        QString error;
+        {
+            Quorix::CatalogueServer first(options);
+            QVERIFY2(first.start(&error), qPrintable(error));
+        }
+        {
+            QSqlDatabase db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), QStringLiteral("inspect"));
+            db.setDatabaseName(directory.filePath(QStringLiteral("catalogue.sqlite")));
+            QVERIFY(db.open());
+            QSqlQuery query(db);
+            QVERIFY(query.exec(QStringLiteral("PRAGMA user_version")) && query.next());
+            QVERIFY(query.value(0).toInt() >= 2);
+            QVERIFY(query.exec(QStringLiteral("PRAGMA user_version = 999")));
+            db.close();
+        }
+        QSqlDatabase::removeDatabase(QStringLiteral("inspect"));
+        Quorix::CatalogueServer second(options);
+        QVERIFY(!second.start(&error));
+        QVERIFY(error.contains(QLatin1String("newer")));
     }
 
 private:
