@@ -22,11 +22,15 @@ ShellOptions ShellOptions::parse(const QStringList &arguments)
             QCoreApplication::translate("main", "Use the light or dark theme for this run."), QStringLiteral("theme"));
     const QCommandLineOption settleOption(QStringLiteral("settle-ms"),
             QCoreApplication::translate("main", "Milliseconds to wait before a screenshot."), QStringLiteral("ms"));
-    parser.addOptions({listOption, screenshotOption, pluginDirOption, themeOption, settleOption});
+    const QCommandLineOption demoOption(QStringLiteral("demo"),
+            QCoreApplication::translate("main",
+                    "Run on a seeded catalogue server started in this process, signed in as a demo user."));
+    parser.addOptions({listOption, screenshotOption, pluginDirOption, themeOption, settleOption, demoOption});
     parser.process(arguments);
 
     ShellOptions options;
     options.listPlugins = parser.isSet(listOption);
+    options.demo = parser.isSet(demoOption);
     options.screenshotFile = parser.value(screenshotOption);
     options.theme = parser.value(themeOption);
     if (parser.isSet(settleOption))

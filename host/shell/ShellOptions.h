@@ -9,6 +9,7 @@ namespace Quorix {
 struct ShellOptions
 {
     bool listPlugins = false;
+    bool demo = false;
     QString screenshotFile;
     QString pluginDirectory;
     QString theme;

@@ -1,3 +1,4 @@
+#include "DemoSession.h"
 #include "MainWindow.h"
 #include "PluginLoader.h"
 #include "ShellOptions.h"
@@ -47,6 +48,15 @@ int main(int argc, char *argv[])
     ThemePalette::apply(options.theme.isEmpty() ? settings->value(QStringLiteral("appearance/theme")).toString()
                                                 : options.theme);
 
+    DemoSession demo;
+    if (options.demo) {
+        QString error;
+        if (!demo.start(&error)) {
+            QTextStream(stderr) << "quorix-shell: demo: " << error << '\n';
+            return 1;
+        }
+    }
+
     PluginHost host;
     QStringList errors;
     const QList<LoadedPlugin> plugins = PluginLoader::loadAll(options.pluginDirectory, &host, &errors);
@@ -54,6 +64,8 @@ int main(int argc, char *argv[])
         QTextStream(stderr) << "quorix-shell: " << error << '\n';
     if (options.listPlugins)
         return listPlugins(plugins);
+    if (options.demo)
+        host.signIn(demo.identity());
 
     MainWindow window(&host, settings, plugins);
     window.show();

@@ -1,0 +1,86 @@
+#pragma once
+
+#include "ApiRequest.h"
+#include "ApiResponse.h"
+#include "CatalogueDatabase.h"
+
+#include <QJsonObject>
+#include <QSet>
+#include <QString>
+
+namespace Quorix {
+
+class MultipartForm;
+
+// The catalogue's HTTP interface: validates each request, decides who may do what, and answers in the shapes the
+// Online Resources client reads. It knows nothing of sockets; CatalogueServer feeds it.
+class CatalogueApi
+{
+public:
+    struct Settings
+    {
+        QString dataDirectory;
+        bool devLogin = false;
+        QSet<QString> administratorIds;
+    };
+
+    // QHttpServer 6.4 reads a whole request body into memory before any handler runs: there is neither streaming
+    // nor a hook to refuse on Content-Length. So the limits below are checked once a body has arrived, and an upload
+    // costs about two to three times its size in memory while it is handled (measured: 420 MB peak for a 200 MB
+    // weights upload, 1.6 GB for a refused 530 MB one). Bodies above bodyLimit() get 413 without being parsed.
+    static constexpr qint64 scriptLimit = 10 * 1024 * 1024;
+    static constexpr qint64 weightsLimit = 500 * 1024 * 1024;
+    static constexpr qint64 imageLimit = 4 * 1024 * 1024;
+    // Multipart framing and the text fields around the files.
+    static constexpr qint64 formOverhead = 1024 * 1024;
+    static constexpr qint64 jsonBodyLimit = 1024 * 1024;
+
+    CatalogueApi(CatalogueDatabase *database, const Settings &settings);
+
+    ApiResponse handle(const ApiRequest &request);
+    // The largest body any route accepts; anything bigger is refused before routing.
+    static qint64 bodyLimit();
+
+private:
+    struct Context
+    {
+        const ApiRequest &request;
+        CatalogueDatabase::User user;
+        CatalogueDatabase::Caller caller;
+    };
+
+    ApiResponse route(Context &context);
+    ApiResponse routeKind(Context &context, const QString &kind, const QStringList &rest);
+    CatalogueDatabase::User identify(const ApiRequest &request);
+
+    ApiResponse devLogin(Context &context);
+    ApiResponse list(Context &context, const QString &kind);
+    ApiResponse details(Context &context, const QString &kind, const QString &id);
+    ApiResponse download(Context &context, const QString &kind, const QString &id);
+    ApiResponse upload(Context &context, const QString &kind);
+    ApiResponse removeResource(Context &context, const QString &kind, const QString &id);
+    ApiResponse toggleLike(Context &context, const QString &kind, const QString &id);
+    ApiResponse liked(Context &context);
+    ApiResponse checkExisting(Context &context);
+    ApiResponse listAuthorizations(Context &context, const QString &id);
+    ApiResponse authorize(Context &context, const QString &id);
+    ApiResponse bulkAuthorize(Context &context, const QString &id);
+    ApiResponse revoke(Context &context, const QString &id);
+    ApiResponse claim(Context &context);
+    ApiResponse ban(Context &context, const QString &discordId, bool banned);
+    ApiResponse updateVisibility(Context &context, const QString &id);
+    ApiResponse image(const QString &id, const QString &which);
+
+    // Finds a resource the caller may see, of the kind the path names (any kind for the plain script paths).
+    ApiResponse findVisible(Context &context, const QString &kind, const QString &id,
+                            CatalogueDatabase::Resource *resource);
+    // Finds a resource whose access list the caller manages.
+    ApiResponse findManaged(Context &context, const QString &id, CatalogueDatabase::Resource *resource);
+    QJsonObject withOrigin(QJsonObject record, const QString &origin) const;
+    bool isAdministrator(const CatalogueDatabase::User &user) const;
+
+    CatalogueDatabase *database;
+    Settings settings;
+};
+
+} // namespace Quorix

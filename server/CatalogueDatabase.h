@@ -1,0 +1,148 @@
+#pragma once
+
+#include <QDateTime>
+#include <QJsonArray>
+#include <QJsonObject>
+#include <QSqlDatabase>
+#include <QString>
+#include <QStringList>
+
+namespace Quorix {
+
+// The catalogue's SQLite store: users and their sessions, resources, likes and per-resource access lists.
+class CatalogueDatabase
+{
+public:
+    struct User
+    {
+        qint64 id = 0;
+        QString discordId;
+        QString username;
+        QString globalName;
+        bool banned = false;
+        bool isValid() const { return id > 0; }
+    };
+
+    // Who is asking, for the visibility and download rules.
+    struct Caller
+    {
+        qint64 userId = 0;
+        bool administrator = false;
+    };
+
+    struct Resource
+    {
+        QString id;
+        QString kind;
+        QString subtype;
+        qint64 authorId = 0;
+        QString authorDiscordId;
+        bool authorBanned = false;
+        QString visibility;
+        QString fileName;
+        bool encrypted = false;
+        bool hasImage = false;
+        QString imageType;
+        bool isValid() const { return !id.isEmpty(); }
+    };
+
+    struct ListRequest
+    {
+        QString kind;
+        QStringList subtypes;
+        QString search;
+        QString sort;
+        int page = 1;
+        int limit = 24;
+    };
+
+    struct ListPage
+    {
+        QJsonArray records;
+        int total = 0;
+    };
+
+    // Fields of a new or updated resource as the upload gives them.
+    struct ResourceWrite
+    {
+        QString id;
+        QString kind;
+        QString subtype;
+        QString name;
+        QString description;
+        QString instructions;
+        QStringList tags;
+        double version = 1.0;
+        QString visibility;
+        qint64 authorId = 0;
+        QString fileName;
+        qint64 fileSize = -1;
+        bool encrypted = false;
+        QJsonObject metadata;
+        QString imageType;
+        QDateTime created;
+        bool replaceFile = false;
+        bool replaceImage = false;
+    };
+
+    enum class GrantOutcome { Granted, Pending, AlreadyAuthorized, Failed };
+
+    explicit CatalogueDatabase(const QString &path);
+    ~CatalogueDatabase();
+
+    CatalogueDatabase(const CatalogueDatabase &) = delete;
+    CatalogueDatabase &operator=(const CatalogueDatabase &) = delete;
+
+    // Opens the file and brings its schema to the current version.
+    bool open(QString *error);
+    static int schemaVersion();
+
+    bool transaction();
+    bool commit();
+    void rollback();
+
+    User userForToken(const QString &token);
+    User userByDiscordId(const QString &discordId);
+    User userById(qint64 id);
+    // Creates or renames the user and marks them as signed in.
+    User signIn(const QString &discordId, const QString &username, const QString &globalName);
+    QString createSession(qint64 userId);
+    void updateProfile(qint64 userId, const QString &username, const QString &globalName, const QString &avatar);
+    bool setBanned(const QString &discordId, bool banned, const QString &reason);
+
+    Resource resource(const QString &id);
+    QJsonObject record(const QString &id, const Caller &caller);
+    ListPage list(const ListRequest &request, const Caller &caller);
+    bool canSee(const Resource &resource, const Caller &caller);
+    bool canDownload(const Resource &resource, const Caller &caller);
+    // The caller's most recent resource with this file name among the given kind and subtypes.
+    QString findOwnResource(qint64 authorId, const QString &fileName, const QString &kind, const QStringList &subtypes);
+    bool writeResource(const ResourceWrite &write, bool isNew);
+    bool deleteResource(const QString &id);
+    void countView(const QString &id);
+    int resourceCount();
+    void setCounters(const QString &id, qint64 downloads, qint64 views);
+    void countDownload(const QString &id, const Caller &caller);
+    // Toggles the caller's like; returns the new state and count through the pointers.
+    bool toggleLike(const QString &id, qint64 userId, bool *liked, int *likeCount);
+    QStringList likedIds(const Caller &caller);
+
+    GrantOutcome grant(const QString &resourceId, const QString &discordId, const QString &notes,
+                       const QString &expiresAt, QString *code);
+    QJsonObject authorizations(const QString &resourceId, int offset, int limit, const QString &search);
+    bool revoke(const QString &resourceId, qint64 userId, const QString &discordId);
+    int claimPending(const User &user);
+
+    static QString timestamp(const QDateTime &time);
+    static QString now();
+
+private:
+    QSqlDatabase database() const;
+    bool migrate(QString *error);
+    QString accessCondition(const Caller &caller, bool forDownload) const;
+
+    QString path;
+    QString connectionName;
+};
+
+} // namespace Quorix

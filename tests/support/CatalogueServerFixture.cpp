@@ -1,0 +1,161 @@
+#include "CatalogueServerFixture.h"
+
+#include <QEventLoop>
+#include <QJsonDocument>
+#include <QNetworkProxy>
+#include <QNetworkReply>
+#include <QTimer>
+#include <QUrlQuery>
+
+namespace Quorix::Testing {
+
+namespace {
+
+constexpr int replyTimeoutMilliseconds = 60000;
+
+QByteArray multipartBody(const QByteArray &boundary, const QList<QPair<QString, QString>> &fields,
+                         const QList<CatalogueServerFixture::UploadFile> &files)
+{
+    QByteArray body;
+    for (const auto &field : fields) {
+        body += "--" + boundary + "\r\nContent-Disposition: form-data; name=\"" + field.first.toUtf8() + "\"\r\n\r\n"
+                + field.second.toUtf8() + "\r\n";
+    }
+    for (const auto &file : files) {
+        body += "--" + boundary + "\r\nContent-Disposition: form-data; name=\"" + file.part.toUtf8() + "\"; filename=\""
+                + file.fileName.toUtf8() + "\"\r\nContent-Type: application/octet-stream\r\n\r\n" + file.content
+                + "\r\n";
+    }
+    body += "--" + boundary + "--\r\n";
+    return body;
+}
+
+} // namespace
+
+CatalogueServerFixture::CatalogueServerFixture(bool seedDemo, const QStringList &administratorIds)
+{
+    options.dataDirectory = directory.path();
+    options.bindAddress = QHostAddress::LocalHost;
+    options.port = 0;
+    options.seedDemo = seedDemo;
+    options.devLogin = true;
+    options.administratorIds = administratorIds;
+    network.setProxy(QNetworkProxy::NoProxy);
+}
+
+CatalogueServerFixture::~CatalogueServerFixture() = default;
+
+bool CatalogueServerFixture::start()
+{
+    server = std::make_unique<CatalogueServer>(options);
+    return server->start(&startError);
+}
+
+quint16 CatalogueServerFixture::port() const
+{
+    return server ? server->port() : 0;
+}
+
+QString CatalogueServerFixture::origin() const
+{
+    return QStringLiteral("http://127.0.0.1:%1").arg(port());
+}
+
+QString CatalogueServerFixture::apiUrl(const QString &path) const
+{
+    return origin() + QStringLiteral("/api/scripts/") + path;
+}
+
+QString CatalogueServerFixture::signIn(const QString &discordId, const QString &username, const QString &globalName)
+{
+    const QJsonObject body{{QStringLiteral("discord_id"), discordId},
+                           {QStringLiteral("username"), username},
+                           {QStringLiteral("global_name"), globalName}};
+    const Reply reply = send("POST", origin() + QStringLiteral("/api/auth/dev-login"), QJsonDocument(body).toJson(),
+                             {{"Content-Type", "application/json"}}, QString());
+    return reply.json.value(QStringLiteral("token")).toString();
+}
+
+CatalogueServerFixture::Reply CatalogueServerFixture::get(const QString &path, const QString &token)
+{
+    return send("GET", apiUrl(path), {}, {}, token);
+}
+
+CatalogueServerFixture::Reply CatalogueServerFixture::post(const QString &path, const QByteArray &body,
+                                                           const QString &token,
+                                                           const QList<QPair<QByteArray, QByteArray>> &headers)
+{
+    return send("POST", apiUrl(path), body, headers, token);
+}
+
+CatalogueServerFixture::Reply CatalogueServerFixture::postJson(const QString &path, const QJsonObject &body,
+                                                               const QString &token)
+{
+    return post(path, QJsonDocument(body).toJson(QJsonDocument::Indented), token,
+                {{"Content-Type", "application/json"}});
+}
+
+CatalogueServerFixture::Reply CatalogueServerFixture::remove(const QString &path, const QString &token)
+{
+    return post(path + QStringLiteral("?_method=DELETE"), "_method=DELETE", token,
+                {{"Content-Type", "application/x-www-form-urlencoded"}, {"X-HTTP-Method-Override", "DELETE"}});
+}
+
+CatalogueServerFixture::Reply CatalogueServerFixture::upload(const QString &path, const QString &token,
+                                                             const QList<QPair<QString, QString>> &fields,
+                                                             const QList<UploadFile> &files)
+{
+    const QByteArray boundary = "----quorixTestBoundary7MA4YWxk";
+    return post(path, multipartBody(boundary, fields, files), token,
+                {{"Content-Type", "multipart/form-data; boundary=" + boundary}});
+}
+
+CatalogueServerFixture::Reply CatalogueServerFixture::uploadScript(const QString &token, const QString &fileName,
+                                                                   const QByteArray &content, const QString &visibility,
+                                                                   const QString &existingId)
+{
+    QList<QPair<QString, QString>> fields{
+            {QStringLiteral("name"), QStringLiteral("Script ") + fileName},
+            {QStringLiteral("description"), QStringLiteral("A script uploaded by a test")},
+            {QStringLiteral("tags"), QStringLiteral("test,upload")}};
+    if (!existingId.isEmpty())
+        fields.append({QStringLiteral("existing_uuid"), existingId});
+    fields.append({QStringLiteral("version"), QStringLiteral("1")});
+    fields.append({QStringLiteral("visibility_type"), visibility});
+    return upload(QStringLiteral("upload"), token, fields, {{QStringLiteral("script_file"), fileName, content}});
+}
+
+CatalogueServerFixture::Reply CatalogueServerFixture::send(const QByteArray &method, const QString &url,
+                                                           const QByteArray &body,
+                                                           const QList<QPair<QByteArray, QByteArray>> &headers,
+                                                           const QString &token)
+{
+    QNetworkRequest request{QUrl(url)};
+    for (const auto &header : headers)
+        request.setRawHeader(header.first, header.second);
+    if (!token.isEmpty())
+        request.setRawHeader("Authorization", "Bearer " + token.toUtf8());
+    QNetworkReply *reply = network.sendCustomRequest(request, method, body);
+    QEventLoop loop;
+    QTimer timeout;
+    timeout.setSingleShot(true);
+    QObject::connect(reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);
+    QObject::connect(&timeout, &QTimer::timeout, &loop, &QEventLoop::quit);
+    timeout.start(replyTimeoutMilliseconds);
+    loop.exec();
+    Reply result;
+    if (!reply->isFinished()) {
+        reply->abort();
+        reply->deleteLater();
+        return result;
+    }
+    result.status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
+    result.body = reply->readAll();
+    for (const auto &pair : reply->rawHeaderPairs())
+        result.headers.insert(pair.first.toLower(), pair.second);
+    result.json = QJsonDocument::fromJson(result.body).object();
+    reply->deleteLater();
+    return result;
+}
+
+} // namespace Quorix::Testing
