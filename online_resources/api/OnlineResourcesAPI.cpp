@@ -101,6 +101,8 @@ QHttpPart textPart(const QString &name, const QByteArray &value)
 std::optional<QHttpPart> filePart(const QString &name, const QString &path, const QString &contentType,
                                   QHttpMultiPart *owner)
 {
+    if (path.isEmpty())
+        return std::nullopt;
     auto *file = new QFile(path, owner);
     if (!file->open(QIODevice::ReadOnly)) {
         delete file;
