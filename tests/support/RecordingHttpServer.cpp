@@ -160,6 +160,15 @@ ScriptedResponse ScriptedResponse::dropped()
     return response;
 }
 
+ScriptedResponse ScriptedResponse::rawBytes(const QByteArray &bytes)
+{
+    ScriptedResponse response;
+    response.raw = bytes;
+    response.ending = Ending::Drop;
+    response.cutAfter = bytes.size();
+    return response;
+}
+
 ScriptedResponse ScriptedResponse::withHeader(const QByteArray &name, const QByteArray &value) const
 {
     ScriptedResponse copy = *this;
@@ -192,6 +201,8 @@ ScriptedResponse ScriptedResponse::droppingAfter(qsizetype bodyBytes) const
 
 QByteArray ScriptedResponse::serialised() const
 {
+    if (!raw.isEmpty())
+        return raw;
     QByteArray bytes = "HTTP/1.1 " + QByteArray::number(status) + ' ' + reasonPhrase(status) + "\r\n";
     for (const auto &header : headers)
         bytes += header.first + ": " + header.second + "\r\n";

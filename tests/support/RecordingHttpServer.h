@@ -50,14 +50,18 @@ struct ScriptedResponse
     int delayMs = 0;
     Ending ending = Ending::Complete;
     qsizetype cutAfter = 0; // bytes of the serialised response (status line, headers and body) sent before the end
+    QByteArray raw; // when set, sent instead of status, headers and body: for answers that are not HTTP at all
 
     static ScriptedResponse json(const QJsonObject &object, int status = 200);
     static ScriptedResponse rawJson(const QByteArray &text, int status = 200);
     static ScriptedResponse bytes(const QByteArray &body, const QByteArray &contentType = "application/octet-stream",
                                   int status = 200);
     static ScriptedResponse redirect(const QUrl &location, int status = 302);
-    // Closes the connection as soon as the request has arrived, without a byte of answer.
+    // Closes the connection as soon as the request has arrived, without a byte of answer. A client may retry a
+    // request whose connection closed before any answer, so give drops as a rule rather than a queued answer.
     static ScriptedResponse dropped();
+    // Exactly these bytes, then the connection is closed.
+    static ScriptedResponse rawBytes(const QByteArray &bytes);
 
     ScriptedResponse withHeader(const QByteArray &name, const QByteArray &value) const;
     ScriptedResponse withDelay(int milliseconds) const;
