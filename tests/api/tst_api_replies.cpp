@@ -296,20 +296,18 @@ void TestApiReplies::failuresBecomeOneMessageRoutedByOperation_data()
             << false;
     QTest::newRow("weights list answered with garbage")
             << Operation([](OnlineResourcesAPI &a) { a.fetchWeights({}); }) << notHttp << droppedMessage << false;
-})
-                                                  << notHttp << "Connection failed - no response from server" << false;
-QTest::newRow("script details, server error") << Operation([](OnlineResourcesAPI &a) { a.fetchScriptDetails("s"); })
-                                              << serverError << "details_error: HTTP 500: " << false;
-QTest::newRow("environment details dropped")
-        << Operation([](OnlineResourcesAPI &a) { a.loadEnvironmentDetails("e"); }) << ScriptedResponse::dropped()
-        << "envDetails_error: " + droppedMessage << false;
-QTest::newRow("weights details dropped, without prefix")
-        << Operation([](OnlineResourcesAPI &a) { a.fetchWeightsDetails("w"); }) << ScriptedResponse::dropped()
-        << droppedMessage << false;
-QTest::newRow("like, not found") << Operation([](OnlineResourcesAPI &a) { a.toggleLike("s"); })
-                                 << ScriptedResponse::bytes("missing", "text/plain", 404) << "HTTP 404: " << false;
-QTest::newRow("grant, server error") << Operation([](OnlineResourcesAPI &a) { a.grantAuthorization("s", {}); })
-                                     << serverError << "HTTP 500: " << false;
+    QTest::newRow("script details, server error") << Operation([](OnlineResourcesAPI &a) { a.fetchScriptDetails("s"); })
+                                                  << serverError << "details_error: HTTP 500: " << false;
+    QTest::newRow("environment details dropped")
+            << Operation([](OnlineResourcesAPI &a) { a.loadEnvironmentDetails("e"); }) << ScriptedResponse::dropped()
+            << "envDetails_error: " + droppedMessage << false;
+    QTest::newRow("weights details dropped, without prefix")
+            << Operation([](OnlineResourcesAPI &a) { a.fetchWeightsDetails("w"); }) << ScriptedResponse::dropped()
+            << droppedMessage << false;
+    QTest::newRow("like, not found") << Operation([](OnlineResourcesAPI &a) { a.toggleLike("s"); })
+                                     << ScriptedResponse::bytes("missing", "text/plain", 404) << "HTTP 404: " << false;
+    QTest::newRow("grant, server error") << Operation([](OnlineResourcesAPI &a) { a.grantAuthorization("s", {}); })
+                                         << serverError << "HTTP 500: " << false;
 }
 
 void TestApiReplies::failuresBecomeOneMessageRoutedByOperation()
