@@ -291,6 +291,11 @@ void RecordingHttpServer::reset()
         listen(lastPort);
 }
 
+int RecordingHttpServer::openConnectionCount() const
+{
+    return int(connections.size());
+}
+
 QList<RecordedRequest> RecordingHttpServer::requests() const
 {
     return recorded;

@@ -104,6 +104,9 @@ public:
     // Forgets requests, queue, rules and the default, and closes open connections.
     void reset();
 
+    // Client connections still open; a client that gives up on a stalled answer shows here by closing its own.
+    int openConnectionCount() const;
+
     QList<RecordedRequest> requests() const;
     int requestCount() const;
     RecordedRequest lastRequest() const;
