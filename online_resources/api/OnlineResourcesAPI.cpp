@@ -547,16 +547,14 @@ void OnlineResourcesAPI::onNetworkReply()
     const QString tag = pending.value();
     pendingRequests.erase(pending);
 
-    if (reply->error() == QNetworkReply::OperationCanceledError)
-        return;
-
     if (reply->error() == QNetworkReply::NoError) {
         dispatchSuccess(reply, tag, reply->readAll());
         return;
     }
     if (auto *sink = reply->findChild<DownloadSink *>())
         sink->discard();
-    dispatchFailure(reply, tag);
+    if (reply->error() != QNetworkReply::OperationCanceledError)
+        dispatchFailure(reply, tag);
 }
 
 QString OnlineResourcesAPI::classifyFailure(QNetworkReply *reply) const
