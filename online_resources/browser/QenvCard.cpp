@@ -146,9 +146,10 @@ void QenvCard::buildLayout(const QString &description)
     descriptionLabel->setSizePolicy(QSizePolicy::Preferred, QSizePolicy::Ignored);
     layout->addWidget(descriptionLabel, 1);
 
-    auto *downloadsLabel = new QLabel(tr("%1 downloads • %n package(s)", nullptr, int(packageCount))
-                                                  .arg(ResourceRecord::abbreviatedCount(downloads)),
-                                          body);
+    const QString downloadCount = ResourceRecord::abbreviatedCount(downloads);
+    const QString stats = packageCount == 1 ? tr("%1 downloads • 1 package").arg(downloadCount)
+                                            : tr("%1 downloads • %2 packages").arg(downloadCount).arg(packageCount);
+    auto *downloadsLabel = new QLabel(stats, body);
     downloadsLabel->setObjectName(QStringLiteral("cardDownloads"));
     downloadsLabel->setStyleSheet(QStringLiteral("QLabel { font-size: 8pt; }"));
     layout->addWidget(downloadsLabel);
