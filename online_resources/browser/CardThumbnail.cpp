@@ -5,6 +5,8 @@
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QNetworkRequest>
+#include <QPainter>
+#include <QPainterPath>
 #include <QPixmap>
 #include <QScreen>
 #include <QUrl>
@@ -15,6 +17,7 @@ namespace {
 
 const QString pageGlyph = QStringLiteral("\U0001F4C4");
 const QString hourglassGlyph = QStringLiteral("\u23F3");
+constexpr qreal cornerRadius = 15;
 
 qreal primaryScreenRatio()
 {
@@ -63,7 +66,16 @@ void CardThumbnail::showImage(const QByteArray &bytes)
     if (scaled.width() > target.width() || scaled.height() > target.height())
         scaled = scaled.copy((scaled.width() - target.width()) / 2, (scaled.height() - target.height()) / 2,
                              target.width(), target.height());
-    QPixmap pixmap = QPixmap::fromImage(scaled);
+    // The image gets the same rounded corners as the coloured placeholder area it replaces.
+    QPixmap pixmap(target);
+    pixmap.fill(Qt::transparent);
+    QPainter painter(&pixmap);
+    painter.setRenderHint(QPainter::Antialiasing);
+    QPainterPath corners;
+    corners.addRoundedRect(QRectF(QPointF(0, 0), QSizeF(target)), cornerRadius * ratio, cornerRadius * ratio);
+    painter.setClipPath(corners);
+    painter.drawImage(0, 0, scaled);
+    painter.end();
     pixmap.setDevicePixelRatio(ratio);
     setPixmap(pixmap);
 }

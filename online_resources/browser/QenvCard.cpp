@@ -38,11 +38,17 @@ protected:
         QStyleOptionButton option;
         initStyleOption(&option);
         style()->drawControl(QStyle::CE_PushButton, &option, &painter, this);
+        // The clip cuts the style's own frame at the rounded ends; redraw the outline along the pill.
+        painter.setClipping(false);
+        painter.setPen(QPen(palette().color(QPalette::Mid), 1));
+        painter.setBrush(Qt::NoBrush);
+        painter.drawRoundedRect(QRectF(rect()).adjusted(0.5, 0.5, -0.5, -0.5), radius - 0.5, radius - 0.5);
     }
 };
 
 const QString badgeStyle = QStringLiteral(
         "QLabel { border: 1px solid #666; border-radius: 3px; font-size: 7pt; font-weight: bold; }");
+constexpr int pillHeight = 26;
 constexpr int innerWidth = QenvCard::cardWidth - 24;
 
 QLabel *elidedLabel(const QString &text, const QString &styleSheet, QWidget *parent)
@@ -97,20 +103,25 @@ void QenvCard::buildLayout(const QString &description)
     auto *frameLayout = new QVBoxLayout(frame);
     frameLayout->setContentsMargins(0, 0, 0, 0);
     auto *body = new QWidget(frame);
-    body->setStyleSheet(QStringLiteral("QWidget { border-radius: 15px; }"));
     frameLayout->addWidget(body);
 
     auto *layout = new QVBoxLayout(body);
     layout->setContentsMargins(11, 11, 11, 11);
     layout->setSpacing(6);
 
-    auto *picture = new QWidget(body);
+    // The rounding is set on a holder of its own so that it reaches only the picture, not the buttons.
+    auto *pictureHolder = new QWidget(body);
+    pictureHolder->setStyleSheet(QStringLiteral("QWidget { border-radius: 15px; }"));
+    auto *holderLayout = new QVBoxLayout(pictureHolder);
+    holderLayout->setContentsMargins(0, 0, 0, 0);
+    auto *picture = new QWidget(pictureHolder);
     picture->setAttribute(Qt::WA_StyledBackground);
     picture->setStyleSheet(QStringLiteral("QWidget { background-color: #1a5f3e; }"));
     auto *pictureLayout = new QVBoxLayout(picture);
     pictureLayout->setContentsMargins(0, 0, 0, 0);
     pictureLayout->addWidget(new CardThumbnail(thumbnail, QSize(innerWidth, 120), this));
-    layout->addWidget(picture);
+    holderLayout->addWidget(picture);
+    layout->addWidget(pictureHolder);
 
     auto *badges = new QHBoxLayout;
     badges->setSpacing(6);
@@ -160,6 +171,7 @@ void QenvCard::buildLayout(const QString &description)
     likeButton->setCheckable(true);
     likeButton->setIconSize(QSize(14, 14));
     likeButton->setMinimumWidth(56);
+    likeButton->setFixedHeight(pillHeight);
     connect(likeButton, &QPushButton::clicked, this, [this] {
         // The server decides the new state; until it answers the button shows the last known one.
         updateLikeButton();
@@ -170,6 +182,7 @@ void QenvCard::buildLayout(const QString &description)
     installButton = new PillButton(tr("Install"), body);
     installButton->setObjectName(QStringLiteral("qenvCardInstallButton"));
     installButton->setMinimumWidth(96);
+    installButton->setFixedHeight(pillHeight);
     connect(installButton, &QPushButton::clicked, this, [this] { emit installClicked(id); });
     actions->addWidget(installButton);
     layout->addLayout(actions);
@@ -213,6 +226,16 @@ void QenvCard::updateLikeButton()
         likeButton->setToolTip(likeDisabledToolTip);
     likeButton->setText(likes >= 1 ? QString::number(likes) : QString());
     likeButton->update();
+}
+
+void QenvCard::paintEvent(QPaintEvent *)
+{
+    // The card's surface: a rounded panel one step off the window colour, so cards stand out in both themes.
+    QPainter painter(this);
+    painter.setRenderHint(QPainter::Antialiasing);
+    painter.setPen(QPen(palette().color(QPalette::Mid), 1));
+    painter.setBrush(palette().color(QPalette::AlternateBase));
+    painter.drawRoundedRect(QRectF(rect()).adjusted(0.5, 0.5, -0.5, -0.5), 18, 18);
 }
 
 void QenvCard::mouseReleaseEvent(QMouseEvent *event)

@@ -35,6 +35,7 @@ Q_SIGNALS:
     void likeClicked(const QString &envId);
 
 protected:
+    void paintEvent(QPaintEvent *event) override;
     void mouseReleaseEvent(QMouseEvent *event) override;
 
 private:

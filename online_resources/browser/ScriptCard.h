@@ -34,6 +34,7 @@ Q_SIGNALS:
     void likeClicked(const QString &scriptId);
 
 protected:
+    void paintEvent(QPaintEvent *event) override;
     void mouseReleaseEvent(QMouseEvent *event) override;
 
 private:
