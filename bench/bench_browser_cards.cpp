@@ -47,10 +47,9 @@ QJsonObject page(int number, int totalPages, const QString &thumbnail)
     }
     return {{QStringLiteral("success"), true},
             {QStringLiteral("scripts"), items},
-            {QStringLiteral("pagination"),
-             QJsonObject{{QStringLiteral("current_page"), number},
-                         {QStringLiteral("total_pages"), totalPages},
-                         {QStringLiteral("total_scripts"), totalPages * pageSize}}}};
+            {QStringLiteral("pagination"), QJsonObject{{QStringLiteral("current_page"), number},
+                                                       {QStringLiteral("total_pages"), totalPages},
+                                                       {QStringLiteral("total_scripts"), totalPages * pageSize}}}};
 }
 
 qint64 residentBytes()
@@ -155,9 +154,9 @@ int main(int argc, char **argv)
     const int memoryFlag = app.arguments().indexOf(QStringLiteral("--memory"));
     if (memoryFlag > 0 && memoryFlag + 1 < app.arguments().size()) {
         const bool withThumbnail = app.arguments().at(memoryFlag + 1) == QLatin1String("thumbnail");
-        const double kilobytes = withThumbnail
-                ? kilobytesPerCard(widget, server.url(QStringLiteral("/thumb.png")).toString(), 480)
-                : kilobytesPerCard(widget, QString(), 2400);
+        const double kilobytes
+                = withThumbnail ? kilobytesPerCard(widget, server.url(QStringLiteral("/thumb.png")).toString(), 480)
+                                : kilobytesPerCard(widget, QString(), 2400);
         QTextStream(stdout) << QString::number(kilobytes, 'f', 1) << '\n';
         return 0;
     }

@@ -230,8 +230,7 @@ void OnlineResourcesWidget::refreshUserControls()
 {
     const bool developerMode = settings && settings->value(QStringLiteral("developerMode"), false).toBool();
     uploadButton->setEnabled(developerMode);
-    uploadButton->setToolTip(developerMode ? QString()
-                                           : tr("Enable Developer Mode in Preferences to publish scripts"));
+    uploadButton->setToolTip(developerMode ? QString() : tr("Enable Developer Mode in Preferences to publish scripts"));
 }
 
 void OnlineResourcesWidget::retranslateUi()
@@ -256,7 +255,7 @@ void OnlineResourcesWidget::startPublishing(const QString &)
 bool OnlineResourcesWidget::isAdministrator() const
 {
     return pluginHost && pluginHost->isUserAuthenticated()
-            && Configuration::administratorIds().contains(pluginHost->getAuthenticatedDiscordId());
+           && Configuration::administratorIds().contains(pluginHost->getAuthenticatedDiscordId());
 }
 
 void OnlineResourcesWidget::onSearchTextChanged(const QString &text)
@@ -393,8 +392,9 @@ void OnlineResourcesWidget::onNetworkError(const QString &error)
     if (error.contains(QLatin1String("Delete failed"), Qt::CaseInsensitive)) {
         QMessageBox::critical(this, tr("Delete Failed"), error, QMessageBox::Ok);
     } else if (scriptCards.isEmpty()) {
-        showGridMessage(error.contains(QLatin1String("Network error"), Qt::CaseInsensitive) ? cannotConnect()
-                                                                                             : tr("Error: %1").arg(error));
+        showGridMessage(error.contains(QLatin1String("Network error"), Qt::CaseInsensitive)
+                                ? cannotConnect()
+                                : tr("Error: %1").arg(error));
     }
     if (error.contains(QLatin1String("401")) || error.contains(QLatin1String("authentication"), Qt::CaseInsensitive))
         isAuthenticated = false;

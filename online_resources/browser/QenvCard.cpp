@@ -46,8 +46,8 @@ protected:
     }
 };
 
-const QString badgeStyle = QStringLiteral(
-        "QLabel { border: 1px solid #666; border-radius: 3px; font-size: 7pt; font-weight: bold; }");
+const QString badgeStyle
+        = QStringLiteral("QLabel { border: 1px solid #666; border-radius: 3px; font-size: 7pt; font-weight: bold; }");
 constexpr int pillHeight = 26;
 constexpr int innerWidth = QenvCard::cardWidth - 24;
 

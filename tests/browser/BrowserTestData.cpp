@@ -17,8 +17,9 @@ QJsonObject record(const QString &id, const QString &type)
             {QStringLiteral("likes"), 3},
             {QStringLiteral("version"), 1},
             {QStringLiteral("visibility_type"), QStringLiteral("public")},
-            {QStringLiteral("author"), QJsonObject{{QStringLiteral("username"), QStringLiteral("ada")},
-                                                   {QStringLiteral("discord_id"), QStringLiteral("111111111111111111")}}}};
+            {QStringLiteral("author"),
+             QJsonObject{{QStringLiteral("username"), QStringLiteral("ada")},
+                         {QStringLiteral("discord_id"), QStringLiteral("111111111111111111")}}}};
 }
 
 QJsonObject envelope(const QString &key, const QJsonArray &items, const QJsonObject &pagination)
@@ -67,9 +68,9 @@ QJsonObject BrowserTestData::scriptPage(const QJsonArray &items, int currentPage
 
 QJsonObject BrowserTestData::environmentPage(const QJsonArray &items, int totalPages, int totalEnvironments)
 {
-    return envelope(QStringLiteral("environments"), items,
-                    {{QStringLiteral("total_pages"), totalPages},
-                     {QStringLiteral("total_environments"), totalEnvironments}});
+    return envelope(
+            QStringLiteral("environments"), items,
+            {{QStringLiteral("total_pages"), totalPages}, {QStringLiteral("total_environments"), totalEnvironments}});
 }
 
 QJsonObject BrowserTestData::weightsPage(const QJsonArray &items, int currentPage, int totalPages, int totalWeights)

@@ -57,9 +57,8 @@ QList<Card *> cardsInGrid(QWidget *page)
     QList<Card *> cards = page->findChildren<Card *>();
     if (!cards.isEmpty())
         cards.first()->parentWidget()->layout()->activate();
-    std::sort(cards.begin(), cards.end(), [](Card *a, Card *b) {
-        return a->y() != b->y() ? a->y() < b->y() : a->x() < b->x();
-    });
+    std::sort(cards.begin(), cards.end(),
+              [](Card *a, Card *b) { return a->y() != b->y() ? a->y() < b->y() : a->x() < b->x(); });
     return cards;
 }
 
@@ -160,7 +159,8 @@ bool OnlineResourcesWidgetTest::waitForRequestsTo(const QString &path, int count
 
 void OnlineResourcesWidgetTest::setScriptPage(const QJsonArray &items, int currentPage, int totalPages, int total)
 {
-    server.setRule(listPath, ScriptedResponse::json(BrowserTestData::scriptPage(items, currentPage, totalPages, total)));
+    server.setRule(listPath,
+                   ScriptedResponse::json(BrowserTestData::scriptPage(items, currentPage, totalPages, total)));
 }
 
 void OnlineResourcesWidgetTest::columnCountFollowsViewportWidth()
@@ -194,10 +194,10 @@ void OnlineResourcesWidgetTest::scrollingLoadsFollowingPagesInServerOrderOnlyOnc
     QScrollBar *bar = page->findChild<QScrollArea *>()->verticalScrollBar();
     QTRY_VERIFY(bar->maximum() > 1000);
 
-    server.setRule(listPath, ScriptedResponse::json(BrowserTestData::scriptPage(
-                                                            BrowserTestData::scripts(QStringLiteral("b"), 1, 24), 2, 3,
-                                                            60))
-                                     .withDelay(500));
+    server.setRule(listPath,
+                   ScriptedResponse::json(
+                           BrowserTestData::scriptPage(BrowserTestData::scripts(QStringLiteral("b"), 1, 24), 2, 3, 60))
+                           .withDelay(500));
     bar->setValue(bar->maximum() - 50);
     QVERIFY(waitForRequestsTo(listPath, 2));
     // Still in flight: reaching the bottom again must not ask for the same page twice.
@@ -267,10 +267,10 @@ void OnlineResourcesWidgetTest::lateScriptListIsIgnoredAfterKindSwitch_data()
 void OnlineResourcesWidgetTest::lateScriptListIsIgnoredAfterKindSwitch()
 {
     QFETCH(int, filterIndex);
-    server.setRule(listPath, ScriptedResponse::json(BrowserTestData::scriptPage(
-                                                            BrowserTestData::scripts(QStringLiteral("s"), 1, 3), 1, 1,
-                                                            3))
-                                     .withDelay(400));
+    server.setRule(listPath,
+                   ScriptedResponse::json(
+                           BrowserTestData::scriptPage(BrowserTestData::scripts(QStringLiteral("s"), 1, 3), 1, 1, 3))
+                           .withDelay(400));
     server.setRule(environmentListPath, ScriptedResponse::json(BrowserTestData::environmentPage(
                                                 {BrowserTestData::environment(QStringLiteral("e1"))}, 1, 1)));
     server.setRule(weightsListPath, ScriptedResponse::json(BrowserTestData::weightsPage(
@@ -293,8 +293,8 @@ void OnlineResourcesWidgetTest::kindSwitchAbortsWeightsListInFlight()
     auto *filter = page->findChild<QComboBox *>(QStringLiteral("typeFilter"));
 
     // Requests are answered in arrival order: the first weights list is slow and stale, the second one fresh.
-    server.enqueue(ScriptedResponse::json(BrowserTestData::weightsPage({BrowserTestData::weights(QStringLiteral("stale"))},
-                                                                       1, 1, 1))
+    server.enqueue(ScriptedResponse::json(
+                           BrowserTestData::weightsPage({BrowserTestData::weights(QStringLiteral("stale"))}, 1, 1, 1))
                            .withDelay(400));
     server.enqueue(ScriptedResponse::json(BrowserTestData::environmentPage({}, 1, 0)));
     server.enqueue(ScriptedResponse::json(
@@ -387,17 +387,18 @@ void OnlineResourcesWidgetTest::signingInAsAnotherUserResetsLikesAndReloads()
     QTRY_VERIFY(cardsInGrid<ScriptCard>(page.get()).value(1) && cardsInGrid<ScriptCard>(page.get()).at(1)->isLiked());
     QCOMPARE(requestsTo(claimPath).first().header("Authorization"), QByteArray("Bearer token-100000000000000001"));
     const auto likeButton = [&](int index) {
-        return cardsInGrid<ScriptCard>(page.get()).at(index)->findChild<QPushButton *>(
-                QStringLiteral("scriptCardLikeButton"));
+        return cardsInGrid<ScriptCard>(page.get())
+                .at(index)
+                ->findChild<QPushButton *>(QStringLiteral("scriptCardLikeButton"));
     };
     QVERIFY(likeButton(0)->isEnabled());
     QCOMPARE(likeButton(0)->toolTip(), QStringLiteral("Like this script"));
     QCOMPARE(likeButton(1)->toolTip(), QStringLiteral("Already liked"));
 
     // The next user's likes are slow to arrive: until then nothing may show the previous user's hearts.
-    server.setRule(likedPath, ScriptedResponse::json({{QStringLiteral("success"), true},
-                                                      {QStringLiteral("data"), QJsonArray{}}})
-                                      .withDelay(3000));
+    server.setRule(likedPath,
+                   ScriptedResponse::json({{QStringLiteral("success"), true}, {QStringLiteral("data"), QJsonArray{}}})
+                           .withDelay(3000));
     const int listsBefore = requestsTo(listPath).size();
     host.signIn(user(QStringLiteral("100000000000000002")));
     QVERIFY(waitForRequestsTo(claimPath, 2));
@@ -416,7 +417,8 @@ void OnlineResourcesWidgetTest::signingOutResetsLikesAndDisablesLikeButtons()
                                                       {QStringLiteral("data"), QJsonArray{QStringLiteral("s1")}}}));
     host.signIn(user(QStringLiteral("100000000000000001")));
     auto page = makePage();
-    QTRY_VERIFY(!cardsInGrid<ScriptCard>(page.get()).isEmpty() && cardsInGrid<ScriptCard>(page.get()).first()->isLiked());
+    QTRY_VERIFY(!cardsInGrid<ScriptCard>(page.get()).isEmpty()
+                && cardsInGrid<ScriptCard>(page.get()).first()->isLiked());
 
     const int listsBefore = requestsTo(listPath).size();
     const int claimsBefore = requestsTo(claimPath).size();
@@ -439,8 +441,9 @@ void OnlineResourcesWidgetTest::signingOutResetsLikesAndDisablesLikeButtons()
                                                 {BrowserTestData::environment(QStringLiteral("e1"))}, 1, 1)));
     page->findChild<QComboBox *>(QStringLiteral("typeFilter"))->setCurrentIndex(3);
     QTRY_COMPARE(cardsInGrid<QenvCard>(page.get()).size(), 1);
-    auto *environmentLike = cardsInGrid<QenvCard>(page.get()).first()->findChild<QPushButton *>(
-            QStringLiteral("scriptCardLikeButton"));
+    auto *environmentLike = cardsInGrid<QenvCard>(page.get())
+                                    .first()
+                                    ->findChild<QPushButton *>(QStringLiteral("scriptCardLikeButton"));
     QVERIFY(!environmentLike->isEnabled());
     QCOMPARE(environmentLike->toolTip(), QStringLiteral("Log in to like environments"));
 
@@ -448,8 +451,9 @@ void OnlineResourcesWidgetTest::signingOutResetsLikesAndDisablesLikeButtons()
                                             {BrowserTestData::weights(QStringLiteral("w1"))}, 1, 1, 1)));
     page->findChild<QComboBox *>(QStringLiteral("typeFilter"))->setCurrentIndex(4);
     QTRY_COMPARE(cardsInGrid<OnnxCard>(page.get()).size(), 1);
-    auto *weightsLike = cardsInGrid<OnnxCard>(page.get()).first()->findChild<QPushButton *>(
-            QStringLiteral("scriptCardLikeButton"));
+    auto *weightsLike = cardsInGrid<OnnxCard>(page.get())
+                                .first()
+                                ->findChild<QPushButton *>(QStringLiteral("scriptCardLikeButton"));
     QVERIFY(!weightsLike->isEnabled());
     QCOMPARE(weightsLike->toolTip(), QStringLiteral("Log in to like weights"));
 }
@@ -457,8 +461,8 @@ void OnlineResourcesWidgetTest::signingOutResetsLikesAndDisablesLikeButtons()
 void OnlineResourcesWidgetTest::likeReplyUpdatesTheCard()
 {
     setScriptPage({BrowserTestData::script(QStringLiteral("s1"))}, 1, 1, 1);
-    server.setRule(likedPath, ScriptedResponse::json({{QStringLiteral("success"), true},
-                                                      {QStringLiteral("data"), QJsonArray{}}}));
+    server.setRule(likedPath,
+                   ScriptedResponse::json({{QStringLiteral("success"), true}, {QStringLiteral("data"), QJsonArray{}}}));
     server.setRule(QStringLiteral("/api/scripts/like/s1"),
                    ScriptedResponse::json({{QStringLiteral("success"), true},
                                            {QStringLiteral("data"), QJsonObject{{QStringLiteral("liked"), true},
@@ -466,8 +470,9 @@ void OnlineResourcesWidgetTest::likeReplyUpdatesTheCard()
     host.signIn(user(QStringLiteral("100000000000000001")));
     auto page = makePage();
     QTRY_COMPARE(cardsInGrid<ScriptCard>(page.get()).size(), 1);
-    auto *like = cardsInGrid<ScriptCard>(page.get()).first()->findChild<QPushButton *>(
-            QStringLiteral("scriptCardLikeButton"));
+    auto *like = cardsInGrid<ScriptCard>(page.get())
+                         .first()
+                         ->findChild<QPushButton *>(QStringLiteral("scriptCardLikeButton"));
     QCOMPARE(like->text(), QStringLiteral("3"));
     like->click();
     QVERIFY(waitForRequestsTo(QStringLiteral("/api/scripts/like/s1"), 1));

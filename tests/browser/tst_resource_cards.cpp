@@ -138,23 +138,20 @@ void ResourceCardsTest::visibilityDecidesBadgeAndDownload_data()
     QTest::newRow("older public flag false")
             << QJsonObject{{QStringLiteral("visibility_type"), QJsonValue()}, {QStringLiteral("is_public"), false}}
             << QStringLiteral("PRIVATE") << QStringLiteral("#f9a825") << true << QString();
-    QTest::newRow("private, authorized")
-            << QJsonObject{{QStringLiteral("visibility_type"), QStringLiteral("private")},
-                           {QStringLiteral("can_download"), true}}
-            << QStringLiteral("PRIVATE") << QStringLiteral("#f9a825") << true << QString();
+    QTest::newRow("private, authorized") << QJsonObject{{QStringLiteral("visibility_type"), QStringLiteral("private")},
+                                                        {QStringLiteral("can_download"), true}}
+                                         << QStringLiteral("PRIVATE") << QStringLiteral("#f9a825") << true << QString();
     QTest::newRow("private, not authorized")
             << QJsonObject{{QStringLiteral("visibility_type"), QStringLiteral("private")},
                            {QStringLiteral("can_download"), false}}
             << QStringLiteral("PRIVATE") << QStringLiteral("#f9a825") << false
             << QStringLiteral("This script is private. You need authorization from the author.");
-    QTest::newRow("locked")
-            << QJsonObject{{QStringLiteral("visibility_type"), QStringLiteral("purchasable")},
-                           {QStringLiteral("can_download"), false}}
-            << QStringLiteral("LOCKED") << QStringLiteral("#e53935") << false
-            << QStringLiteral("This script is purchasable. Contact the author for access.");
-    QTest::newRow("unknown visibility")
-            << QJsonObject{{QStringLiteral("visibility_type"), QStringLiteral("unlisted")}}
-            << QStringLiteral("UNLISTED") << QStringLiteral("#666") << true << QString();
+    QTest::newRow("locked") << QJsonObject{{QStringLiteral("visibility_type"), QStringLiteral("purchasable")},
+                                           {QStringLiteral("can_download"), false}}
+                            << QStringLiteral("LOCKED") << QStringLiteral("#e53935") << false
+                            << QStringLiteral("This script is purchasable. Contact the author for access.");
+    QTest::newRow("unknown visibility") << QJsonObject{{QStringLiteral("visibility_type"), QStringLiteral("unlisted")}}
+                                        << QStringLiteral("UNLISTED") << QStringLiteral("#666") << true << QString();
 }
 
 void ResourceCardsTest::visibilityDecidesBadgeAndDownload()
