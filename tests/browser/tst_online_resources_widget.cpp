@@ -11,6 +11,8 @@
 #include <PluginHost.h>
 #include <SettingsManager.h>
 
+#include "api/OnlineResourcesAPI.h"
+
 #include <QComboBox>
 #include <QLabel>
 #include <QLayout>
@@ -100,6 +102,9 @@ private slots:
     void likeReplyUpdatesTheCard();
     void silentServerEndsLoadingAfterFiveSeconds();
     void publishingFollowsDeveloperModeAndLogin();
+    void administratorIsAnExactDiscordIdMatch();
+    void errorsReachTheUser();
+    void successfulBanIsAnnouncedAndReloads();
 
 private:
     std::unique_ptr<OnlineResourcesWidget> makePage(int width = 800, int height = 600);
@@ -116,6 +121,7 @@ void OnlineResourcesWidgetTest::initTestCase()
 {
     home = std::make_unique<TemporaryHome>();
     QVERIFY(server.listen());
+    qputenv("QUORIX_ADMIN_IDS", "100000000000000009, 200000000000000009");
     // The server address is read once per process, before the first API client exists.
     qputenv("QUORIX_SERVER_URL", server.origin().toUtf8());
 }
@@ -517,6 +523,66 @@ void OnlineResourcesWidgetTest::publishingFollowsDeveloperModeAndLogin()
     QCOMPARE(answerer.seenTitle(), QStringLiteral("Authentication Required"));
     QCOMPARE(answerer.seenText(),
              QStringLiteral("Please log in via the Account page in Preferences to use Online Resources."));
+}
+
+void OnlineResourcesWidgetTest::administratorIsAnExactDiscordIdMatch()
+{
+    setScriptPage({}, 1, 0, 0);
+    auto page = makePage();
+    QVERIFY(!page->isAdministrator());
+    host.signIn(user(QStringLiteral("200000000000000009")));
+    QVERIFY(page->isAdministrator());
+    host.signIn(user(QStringLiteral("20000000000000000")));
+    QVERIFY(!page->isAdministrator());
+    host.signIn(user(QStringLiteral("100000000000000009")));
+    QVERIFY(page->isAdministrator());
+    host.signOut();
+    QVERIFY(!page->isAdministrator());
+}
+
+void OnlineResourcesWidgetTest::errorsReachTheUser()
+{
+    setScriptPage({}, 1, 0, 0);
+    auto page = makePage();
+    auto *refresh = page->findChild<QToolButton *>(QStringLiteral("refreshButton"));
+    QVERIFY(QTest::qWaitFor([&] { return refresh->isEnabled(); }));
+
+    // Environment list failures arrive as plain errors, shown in the grid while no script card is there.
+    server.setRule(environmentListPath, ScriptedResponse::rawJson("{}", 500));
+    page->findChild<QComboBox *>(QStringLiteral("typeFilter"))->setCurrentIndex(3);
+    QTRY_VERIFY(gridMessage(page.get()).startsWith(QStringLiteral("Error: HTTP 500")));
+    QVERIFY(refresh->isEnabled());
+
+    server.setRule(QStringLiteral("/api/scripts/s1"),
+                   ScriptedResponse::json({{QStringLiteral("success"), false},
+                                           {QStringLiteral("error"), QStringLiteral("Not your script")}}));
+    ModalAnswerer answerer;
+    answerer.pressButton(QMessageBox::Ok);
+    page->api()->deleteScript(QStringLiteral("s1"));
+    QVERIFY(answerer.waitForAnswer());
+    QCOMPARE(answerer.seenTitle(), QStringLiteral("Delete Failed"));
+    QCOMPARE(answerer.seenText(), QStringLiteral("Delete failed: Not your script"));
+}
+
+void OnlineResourcesWidgetTest::successfulBanIsAnnouncedAndReloads()
+{
+    setScriptPage({BrowserTestData::script(QStringLiteral("s1"))}, 1, 1, 1);
+    host.signIn(user(QStringLiteral("100000000000000009")));
+    auto page = makePage();
+    QTRY_COMPARE(scriptIds(page.get()).size(), 1);
+    const int listsBefore = requestsTo(listPath).size();
+
+    server.setRule(QStringLiteral("/api/scripts/ban/300000000000000003"),
+                   ScriptedResponse::json({{QStringLiteral("success"), true}}));
+    ModalAnswerer answerer;
+    answerer.pressButton(QMessageBox::Ok);
+    page->api()->banUser(QStringLiteral("300000000000000003"), QStringLiteral("spam"));
+    QVERIFY(answerer.waitForAnswer());
+    QCOMPARE(answerer.seenTitle(), QStringLiteral("User Banned"));
+    QCOMPARE(answerer.seenText(),
+             QStringLiteral("The user has been banned from uploading. Their existing uploads are now hidden."));
+    QVERIFY(waitForRequestsTo(listPath, listsBefore + 1));
+    QCOMPARE(requestsTo(listPath).last().query().queryItemValue(QStringLiteral("page")), QStringLiteral("1"));
 }
 
 QTEST_MAIN(OnlineResourcesWidgetTest)
