@@ -495,7 +495,23 @@ void OnlineResourcesWidgetTest::silentServerEndsLoadingAfterFiveSeconds()
     QVERIFY(waitForRequestsTo(listPath, 1));
     auto *refresh = page->findChild<QToolButton *>(QStringLiteral("refreshButton"));
     QVERIFY(!refresh->isEnabled());
-    QTest::qWait(4000);
+    auto *indicator = page->findChild<QLabel *>(QStringLiteral("loadingIndicator"));
+    QVERIFY(indicator->isVisible());
+
+    // While waiting the dots cycle one, two, three, one, ... every half second; the counter is shared by every page
+    // of the process, so the first frame after the initial three dots may be any of them.
+    QStringList frames;
+    QDeadlineTimer waiting(4000);
+    while (!waiting.hasExpired()) {
+        if (frames.isEmpty() || frames.last() != indicator->text())
+            frames.append(indicator->text());
+        QTest::qWait(20);
+    }
+    QVERIFY2(frames.size() >= 6, qPrintable(frames.join(QLatin1Char('|'))));
+    for (int index = 2; index < frames.size(); ++index) {
+        const qsizetype previous = frames.at(index - 1).size();
+        QCOMPARE(frames.at(index), QString(previous % 3 + 1, QChar(0x25CF)));
+    }
     QVERIFY(!refresh->isEnabled());
     QVERIFY(gridMessage(page.get()).isEmpty());
     QTRY_COMPARE_WITH_TIMEOUT(gridMessage(page.get()), QStringLiteral("Cannot connect to server"), 3000);
