@@ -99,6 +99,7 @@ private slots:
     void outOfRangeFilterAndSortFallBackToDefaults();
     void signingInAsAnotherUserResetsLikesAndReloads();
     void signingOutResetsLikesAndDisablesLikeButtons();
+    void likeReplyUpdatesTheCard_data();
     void likeReplyUpdatesTheCard();
     void silentServerEndsLoadingAfterFiveSeconds();
     void publishingFollowsDeveloperModeAndLogin();
@@ -464,25 +465,53 @@ void OnlineResourcesWidgetTest::signingOutResetsLikesAndDisablesLikeButtons()
     QCOMPARE(weightsLike->toolTip(), QStringLiteral("Log in to like weights"));
 }
 
+void OnlineResourcesWidgetTest::likeReplyUpdatesTheCard_data()
+{
+    QTest::addColumn<int>("filterIndex");
+    QTest::addColumn<QString>("listRulePath");
+    QTest::addColumn<QJsonObject>("listReply");
+    QTest::addColumn<QString>("likePath");
+    QTest::newRow("script") << 0 << listPath
+                            << BrowserTestData::scriptPage({BrowserTestData::script(QStringLiteral("s1"))}, 1, 1, 1)
+                            << QStringLiteral("/api/scripts/like/s1");
+    QTest::newRow("environment") << 3 << environmentListPath
+                                 << BrowserTestData::environmentPage(
+                                            {BrowserTestData::environment(QStringLiteral("e1"))}, 1, 1)
+                                 << QStringLiteral("/api/scripts/qenv/like/e1");
+    QTest::newRow("weights") << 4 << weightsListPath
+                             << BrowserTestData::weightsPage({BrowserTestData::weights(QStringLiteral("w1"))}, 1, 1, 1)
+                             << QStringLiteral("/api/scripts/onnx/like/w1");
+}
+
 void OnlineResourcesWidgetTest::likeReplyUpdatesTheCard()
 {
-    setScriptPage({BrowserTestData::script(QStringLiteral("s1"))}, 1, 1, 1);
+    QFETCH(int, filterIndex);
+    QFETCH(QString, listRulePath);
+    QFETCH(QJsonObject, listReply);
+    QFETCH(QString, likePath);
+
+    setScriptPage({}, 1, 0, 0);
+    server.setRule(listRulePath, ScriptedResponse::json(listReply));
     server.setRule(likedPath,
                    ScriptedResponse::json({{QStringLiteral("success"), true}, {QStringLiteral("data"), QJsonArray{}}}));
-    server.setRule(QStringLiteral("/api/scripts/like/s1"),
+    server.setRule(likePath,
                    ScriptedResponse::json({{QStringLiteral("success"), true},
                                            {QStringLiteral("data"), QJsonObject{{QStringLiteral("liked"), true},
                                                                                 {QStringLiteral("like_count"), 4}}}}));
     host.signIn(user(QStringLiteral("100000000000000001")));
     auto page = makePage();
-    QTRY_COMPARE(cardsInGrid<ScriptCard>(page.get()).size(), 1);
-    auto *like = cardsInGrid<ScriptCard>(page.get())
-                         .first()
-                         ->findChild<QPushButton *>(QStringLiteral("scriptCardLikeButton"));
+    auto *refresh = page->findChild<QToolButton *>(QStringLiteral("refreshButton"));
+    QVERIFY(QTest::qWaitFor([&] { return refresh->isEnabled(); }));
+    page->findChild<QComboBox *>(QStringLiteral("typeFilter"))->setCurrentIndex(filterIndex);
+    QTRY_COMPARE(page->findChildren<QPushButton *>(QStringLiteral("scriptCardLikeButton")).size(), 1);
+    auto *like = page->findChild<QPushButton *>(QStringLiteral("scriptCardLikeButton"));
+    QVERIFY(like->isEnabled());
     QCOMPARE(like->text(), QStringLiteral("3"));
+    QVERIFY(!like->isChecked());
+
     like->click();
-    QVERIFY(waitForRequestsTo(QStringLiteral("/api/scripts/like/s1"), 1));
-    QCOMPARE(requestsTo(QStringLiteral("/api/scripts/like/s1")).first().method, QByteArray("POST"));
+    QVERIFY(waitForRequestsTo(likePath, 1));
+    QCOMPARE(requestsTo(likePath).first().method, QByteArray("POST"));
     QTRY_COMPARE(like->text(), QStringLiteral("4"));
     QVERIFY(like->isChecked());
     QCOMPARE(like->toolTip(), QStringLiteral("Already liked"));
