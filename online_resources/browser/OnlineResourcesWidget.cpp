@@ -1,33 +1,164 @@
 #include "OnlineResourcesWidget.h"
 
+#include "OnnxCard.h"
+#include "QenvCard.h"
+#include "ScriptCard.h"
 #include "api/OnlineResourcesAPI.h"
+#include "plugin/Configuration.h"
 
 #include <PluginHost.h>
 #include <SettingsManager.h>
+#include <ThemedToolButton.h>
 
+#include <QComboBox>
+#include <QGridLayout>
+#include <QHBoxLayout>
+#include <QHash>
 #include <QLabel>
+#include <QLineEdit>
+#include <QMessageBox>
+#include <QPushButton>
+#include <QScrollArea>
+#include <QScrollBar>
+#include <QStackedWidget>
+#include <QStandardPaths>
+#include <QTimer>
 #include <QVBoxLayout>
 
 namespace Quorix {
 
+namespace {
+
+constexpr int pageSize = 24;
+constexpr int cardWidth = 280;
+constexpr int gridSpacing = 15;
+constexpr int maximumColumns = 6;
+constexpr int scrollThreshold = 100;
+constexpr int safetyTimeoutMilliseconds = 5000;
+
+// Shared by every page in the process, so two pages animate in step.
+int loadingFrame = 1;
+
+const QString cannotConnect()
+{
+    return OnlineResourcesWidget::tr("Cannot connect to server");
+}
+
+} // namespace
+
 OnlineResourcesWidget::OnlineResourcesWidget(OnlineResourcesPlugin *, QWidget *parent)
     : QWidget(parent)
     , apiClient(new OnlineResourcesAPI(this))
-    , statusLabel(new QLabel(this))
 {
-    auto *layout = new QVBoxLayout(this);
-    layout->setContentsMargins(10, 10, 10, 10);
-    auto *title = new QLabel(tr("Online Resources"), this);
-    title->setStyleSheet(QStringLiteral("QLabel { font-size: 18px; font-weight: bold; }"));
-    layout->addWidget(title);
-    statusLabel->setAlignment(Qt::AlignCenter);
-    layout->addWidget(statusLabel, 1);
+    buildLayout();
+    connectApi();
     refreshUserControls();
 }
 
 OnlineResourcesAPI *OnlineResourcesWidget::api() const
 {
     return apiClient;
+}
+
+void OnlineResourcesWidget::buildLayout()
+{
+    auto *layout = new QVBoxLayout(this);
+    layout->setSpacing(10);
+    layout->setContentsMargins(10, 10, 10, 10);
+
+    auto *header = new QHBoxLayout;
+    titleLabel = new QLabel(tr("Online Resources"), this);
+    titleLabel->setObjectName(QStringLiteral("titleLabel"));
+    titleLabel->setStyleSheet(QStringLiteral("QLabel { font-size: 18px; font-weight: bold; }"));
+    header->addWidget(titleLabel);
+    header->addStretch();
+    layout->addLayout(header);
+
+    auto *controls = new QHBoxLayout;
+    searchEdit = new QLineEdit(this);
+    searchEdit->setObjectName(QStringLiteral("searchEdit"));
+    controls->addWidget(searchEdit, 1);
+    typeFilter = new QComboBox(this);
+    typeFilter->setObjectName(QStringLiteral("typeFilter"));
+    typeFilter->addItems({QString(), QStringLiteral("GPC3"), QStringLiteral("Python"), QStringLiteral("QENV"),
+                          QStringLiteral("ONNX")});
+    controls->addWidget(typeFilter);
+    sortCombo = new QComboBox(this);
+    sortCombo->setObjectName(QStringLiteral("sortCombo"));
+    sortCombo->addItems({QString(), QString(), QString(), QString()});
+    controls->addWidget(sortCombo);
+    refreshButton = new ThemedToolButton(QStringLiteral(":/icons/refresh.svg"), this);
+    refreshButton->setObjectName(QStringLiteral("refreshButton"));
+    refreshButton->setFixedSize(30, 30);
+    controls->addWidget(refreshButton);
+    uploadButton = new QPushButton(this);
+    uploadButton->setObjectName(QStringLiteral("uploadButton"));
+    controls->addWidget(uploadButton);
+    layout->addLayout(controls);
+
+    stack = new QStackedWidget(this);
+    scrollArea = new QScrollArea(stack);
+    scrollArea->setWidgetResizable(true);
+    scrollArea->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
+    scrollArea->setVerticalScrollBarPolicy(Qt::ScrollBarAsNeeded);
+    gridContainer = new QWidget(scrollArea);
+    cardGrid = new QGridLayout(gridContainer);
+    cardGrid->setSpacing(gridSpacing);
+    cardGrid->setContentsMargins(10, 10, 10, 10);
+    scrollArea->setWidget(gridContainer);
+    stack->addWidget(scrollArea);
+
+    loadingIndicator = new QLabel(QStringLiteral("\u25CF\u25CF\u25CF"), stack);
+    loadingIndicator->setObjectName(QStringLiteral("loadingIndicator"));
+    loadingIndicator->setAlignment(Qt::AlignCenter);
+    loadingIndicator->setStyleSheet(QStringLiteral("QLabel { font-size: 48px; color: #5865F2; }"));
+    stack->addWidget(loadingIndicator);
+    stack->setCurrentWidget(scrollArea);
+    layout->addWidget(stack, 1);
+
+    loadingTimer = new QTimer(this);
+    loadingTimer->setInterval(500);
+    connect(loadingTimer, &QTimer::timeout, this, &OnlineResourcesWidget::onLoadingAnimationTick);
+    safetyTimer = new QTimer(this);
+    safetyTimer->setSingleShot(true);
+    safetyTimer->setInterval(safetyTimeoutMilliseconds);
+    connect(safetyTimer, &QTimer::timeout, this, &OnlineResourcesWidget::onSafetyTimeout);
+
+    connect(searchEdit, &QLineEdit::textChanged, this, &OnlineResourcesWidget::onSearchTextChanged);
+    connect(typeFilter, &QComboBox::currentIndexChanged, this, &OnlineResourcesWidget::onTypeFilterChanged);
+    connect(sortCombo, &QComboBox::currentIndexChanged, this, &OnlineResourcesWidget::onSortChanged);
+    connect(refreshButton, &QToolButton::clicked, this, &OnlineResourcesWidget::onRefreshClicked);
+    connect(uploadButton, &QPushButton::clicked, this, &OnlineResourcesWidget::onUploadClicked);
+    connect(scrollArea->verticalScrollBar(), &QScrollBar::valueChanged, this,
+            &OnlineResourcesWidget::onScrollValueChanged);
+
+    retranslateUi();
+}
+
+void OnlineResourcesWidget::connectApi()
+{
+    using Api = OnlineResourcesAPI;
+    connect(apiClient, &Api::scriptsLoaded, this, &OnlineResourcesWidget::onScriptsLoaded);
+    connect(apiClient, &Api::scriptDetailsLoaded, this, &OnlineResourcesWidget::onScriptDetailsLoaded);
+    connect(apiClient, &Api::scriptDeleted, this, &OnlineResourcesWidget::onScriptDeleted);
+    connect(apiClient, &Api::scriptLikeToggled, this, &OnlineResourcesWidget::onScriptLikeToggled);
+    connect(apiClient, &Api::userLikedScriptsLoaded, this, &OnlineResourcesWidget::onUserLikedScriptsLoaded);
+    connect(apiClient, &Api::scriptUploaded, this, &OnlineResourcesWidget::onUploadCompleted);
+    connect(apiClient, &Api::errorOccurred, this, &OnlineResourcesWidget::onNetworkError);
+    connect(apiClient, &Api::scriptDownloaded, this, &OnlineResourcesWidget::onScriptDownloaded);
+    connect(apiClient, &Api::downloadProgress, this, &OnlineResourcesWidget::onDownloadProgress);
+    connect(apiClient, &Api::userBanned, this, &OnlineResourcesWidget::onUserBanned);
+    connect(apiClient, &Api::environmentsLoaded, this, &OnlineResourcesWidget::onEnvironmentsLoaded);
+    connect(apiClient, &Api::environmentDetailsLoaded, this, &OnlineResourcesWidget::onEnvironmentDetailsLoaded);
+    connect(apiClient, &Api::environmentDownloaded, this, &OnlineResourcesWidget::onEnvironmentDownloaded);
+    connect(apiClient, &Api::environmentDeleted, this, &OnlineResourcesWidget::onEnvironmentDeleted);
+    connect(apiClient, &Api::environmentLikeToggled, this, &OnlineResourcesWidget::onEnvironmentLikeToggled);
+    connect(apiClient, &Api::weightsLoaded, this, &OnlineResourcesWidget::onWeightsLoaded);
+    connect(apiClient, &Api::weightsDetailsLoaded, this, &OnlineResourcesWidget::onWeightsDetailsLoaded);
+    connect(apiClient, &Api::weightsDownloaded, this,
+            [this](const QString &uuid, const QString &filePath) { onWeightsDownloaded(filePath, uuid); });
+    connect(apiClient, &Api::weightsDeleted, this, &OnlineResourcesWidget::onWeightsDeleted);
+    connect(apiClient, &Api::weightsLikeToggled, this, &OnlineResourcesWidget::onWeightsLikeToggled);
 }
 
 void OnlineResourcesWidget::setPluginHost(PluginHost *host)
@@ -46,11 +177,26 @@ void OnlineResourcesWidget::setSettingsManager(SettingsManager *settingsManager)
 {
     settings = settingsManager;
     apiClient->setSettings(settingsManager);
+    refreshUserControls();
 }
 
 void OnlineResourcesWidget::checkAuthentication()
 {
-    if (pluginHost && pluginHost->isUserAuthenticated()) {
+    const bool wasAuthenticated = isAuthenticated;
+    const QString previousDiscordId = lastDiscordId;
+    const auto resetForNewUser = [this] {
+        likedScriptIds.clear();
+        resetPaging();
+        isLoadingMore = false;
+        clearGrid();
+    };
+
+    QString discordId;
+    isAuthenticated = pluginHost && pluginHost->isUserAuthenticated();
+    if (isAuthenticated) {
+        discordId = pluginHost->getAuthenticatedDiscordId();
+        if (!previousDiscordId.isEmpty() && previousDiscordId != discordId)
+            resetForNewUser();
         const QString token = pluginHost->getAuthSessionToken();
         if (!token.isEmpty()) {
             apiClient->authToken = token;
@@ -58,19 +204,668 @@ void OnlineResourcesWidget::checkAuthentication()
             apiClient->discordGlobalName = pluginHost->getAuthenticatedGlobalName();
             apiClient->discordAvatar = pluginHost->getAuthenticatedAvatarHash();
         }
+    } else {
+        if (wasAuthenticated)
+            resetForNewUser();
+        // A signed-out user's requests must not keep travelling under the previous user's session.
+        apiClient->authToken.clear();
+        apiClient->discordUsername.clear();
+        apiClient->discordGlobalName.clear();
+        apiClient->discordAvatar.clear();
     }
+    lastDiscordId = discordId;
     refreshUserControls();
+
+    const bool idChanged = discordId != previousDiscordId;
+    if (isAuthenticated && (!wasAuthenticated || idChanged))
+        apiClient->claimPendingAuthorizations();
+    if (wasAuthenticated != isAuthenticated || idChanged || scriptCards.isEmpty()) {
+        resetPaging();
+        isLoadingMore = false;
+        loadScripts();
+    }
 }
 
 void OnlineResourcesWidget::refreshUserControls()
 {
-    const bool signedIn = pluginHost && pluginHost->isUserAuthenticated();
-    statusLabel->setText(signedIn ? tr("Signed in as %1").arg(pluginHost->getAuthenticatedUsername())
-                                  : tr("Not signed in"));
+    const bool developerMode = settings && settings->value(QStringLiteral("developerMode"), false).toBool();
+    uploadButton->setEnabled(developerMode);
+    uploadButton->setToolTip(developerMode ? QString() : tr("Enable Developer Mode in Preferences to publish scripts"));
 }
 
-void OnlineResourcesWidget::retranslateUi() { }
+void OnlineResourcesWidget::retranslateUi()
+{
+    searchEdit->setPlaceholderText(tr("Search scripts..."));
+    refreshButton->setToolTip(tr("Refresh"));
+    uploadButton->setText(tr("Publish Script"));
+    typeFilter->setItemText(0, tr("All Types"));
+    sortCombo->setItemText(0, tr("Popular"));
+    sortCombo->setItemText(1, tr("Newest"));
+    sortCombo->setItemText(2, tr("Oldest"));
+    sortCombo->setItemText(3, tr("My Liked"));
+}
 
-void OnlineResourcesWidget::startPublishing(const QString &) { }
+void OnlineResourcesWidget::startPublishing(const QString &)
+{
+    isAuthenticated = pluginHost && pluginHost->isUserAuthenticated();
+    if (!isAuthenticated)
+        showAuthenticationRequired();
+}
+
+bool OnlineResourcesWidget::isAdministrator() const
+{
+    return pluginHost && pluginHost->isUserAuthenticated()
+           && Configuration::administratorIds().contains(pluginHost->getAuthenticatedDiscordId());
+}
+
+void OnlineResourcesWidget::onSearchTextChanged(const QString &text)
+{
+    searchText = text;
+    resetPaging();
+    loadFirstPage();
+}
+
+void OnlineResourcesWidget::onTypeFilterChanged(int index)
+{
+    static const QStringList types = {QStringLiteral("all"), QStringLiteral("gpc3"), QStringLiteral("py"),
+                                      QStringLiteral("qenv"), QStringLiteral("onnx")};
+    currentType = index >= 0 && index < types.size() ? types.at(index) : types.first();
+    resetPaging();
+    apiClient->cancelPendingRequests();
+    isLoading = false;
+    isLoadingMore = false;
+    clearGrid();
+    loadFirstPage();
+}
+
+void OnlineResourcesWidget::onSortChanged(int index)
+{
+    static const QStringList sorts = {QStringLiteral("popular"), QStringLiteral("newest"), QStringLiteral("oldest"),
+                                      QStringLiteral("my_liked")};
+    currentSort = index >= 0 && index < sorts.size() ? sorts.at(index) : sorts.first();
+    resetPaging();
+    loadFirstPage();
+}
+
+void OnlineResourcesWidget::onRefreshClicked()
+{
+    resetPaging();
+    loadFirstPage();
+}
+
+void OnlineResourcesWidget::onUploadClicked()
+{
+    isAuthenticated = pluginHost && pluginHost->isUserAuthenticated();
+    if (!isAuthenticated)
+        showAuthenticationRequired();
+}
+
+void OnlineResourcesWidget::onCardClicked(const QString &scriptId)
+{
+    apiClient->fetchScriptDetails(scriptId);
+}
+
+void OnlineResourcesWidget::onCardDownloadClicked(const QString &scriptId)
+{
+    if (apiClient)
+        apiClient->downloadScript(scriptId, temporaryDownloadDirectory());
+}
+
+void OnlineResourcesWidget::onScriptsLoaded(const QJsonObject &response)
+{
+    if (mode() != Mode::Scripts) {
+        finishLoading();
+        return;
+    }
+    if (!response.value(QLatin1String("success")).toBool()) {
+        finishLoading();
+        const QString error = response.value(QLatin1String("error")).toString();
+        showGridMessage(error.isEmpty() ? cannotConnect() : error);
+        return;
+    }
+
+    const QJsonArray items = response.value(QLatin1String("scripts")).toArray();
+    const QJsonObject pagination = response.value(QLatin1String("pagination")).toObject();
+    totalItems = pagination.value(QLatin1String("total_scripts")).toInt(0);
+    totalPages = pagination.value(QLatin1String("total_pages")).toInt(0);
+    currentPage = pagination.value(QLatin1String("current_page")).toInt(0);
+    hasMore = currentPage < totalPages;
+    if (currentPage == 1) {
+        allItems = items;
+        clearGrid();
+        scrollArea->verticalScrollBar()->setValue(0);
+    } else {
+        for (const QJsonValue &item : items)
+            allItems.append(item);
+    }
+    addCards(items);
+    finishLoading();
+    if (totalItems == 0)
+        showGridMessage(tr("No scripts available - Be the first to upload!"));
+}
+
+void OnlineResourcesWidget::onScriptDetailsLoaded(const QJsonObject &) { }
+
+void OnlineResourcesWidget::onScriptDeleted(const QString &)
+{
+    resetPaging();
+    loadScripts();
+}
+
+void OnlineResourcesWidget::onScriptLikeToggled(const QString &scriptId, bool liked, int likeCount)
+{
+    likedScriptIds.removeAll(scriptId);
+    if (liked)
+        likedScriptIds.append(scriptId);
+    for (ScriptCard *card : std::as_const(scriptCards)) {
+        if (card->scriptId() != scriptId)
+            continue;
+        card->setLiked(liked);
+        card->setLikeCount(likeCount);
+        card->updateLikeButton();
+    }
+}
+
+void OnlineResourcesWidget::onUserLikedScriptsLoaded(const QStringList &scriptIds)
+{
+    likedScriptIds = scriptIds;
+    for (ScriptCard *card : std::as_const(scriptCards)) {
+        card->setLiked(likedScriptIds.contains(card->scriptId()));
+        card->updateLikeButton();
+    }
+}
+
+void OnlineResourcesWidget::onUploadCompleted(const QString &)
+{
+    resetPaging();
+    loadScripts();
+}
+
+void OnlineResourcesWidget::onNetworkError(const QString &error)
+{
+    finishLoading();
+    // Details failures belong to the details dialog that asked; with none open there is nobody to tell.
+    if (error.startsWith(QLatin1String("details_error:")) || error.startsWith(QLatin1String("envDetails_error:"))) {
+        emit errorOccurred(error);
+        return;
+    }
+    if (error.contains(QLatin1String("Delete failed"), Qt::CaseInsensitive)) {
+        QMessageBox::critical(this, tr("Delete Failed"), error, QMessageBox::Ok);
+    } else if (scriptCards.isEmpty()) {
+        showGridMessage(error.contains(QLatin1String("Network error"), Qt::CaseInsensitive)
+                                ? cannotConnect()
+                                : tr("Error: %1").arg(error));
+    }
+    if (error.contains(QLatin1String("401")) || error.contains(QLatin1String("authentication"), Qt::CaseInsensitive))
+        isAuthenticated = false;
+    emit errorOccurred(error);
+}
+
+void OnlineResourcesWidget::updateLoadingState(bool loading)
+{
+    isLoading = loading;
+    refreshButton->setEnabled(!loading);
+    if (loading) {
+        if (currentPage == 1)
+            clearGrid();
+        stack->setCurrentWidget(loadingIndicator);
+        loadingTimer->start();
+        safetyTimer->start();
+    } else {
+        loadingTimer->stop();
+        stack->setCurrentWidget(scrollArea);
+    }
+}
+
+void OnlineResourcesWidget::onScrolledToBottom()
+{
+    if (isLoading || isLoadingMore || !hasMore)
+        return;
+    loadNextPage();
+}
+
+void OnlineResourcesWidget::updateCardLayout()
+{
+    const int columns = calculateColumns();
+    QList<QWidget *> ordered;
+    if (mode() == Mode::Environments) {
+        for (QenvCard *card : std::as_const(qenvCards)) {
+            if (card) {
+                cardGrid->removeWidget(card);
+                ordered.append(card);
+            }
+        }
+    } else if (mode() == Mode::Weights) {
+        for (OnnxCard *card : std::as_const(onnxCards)) {
+            if (card) {
+                cardGrid->removeWidget(card);
+                ordered.append(card);
+            }
+        }
+    } else {
+        QHash<QString, QWidget *> byId;
+        for (ScriptCard *card : std::as_const(scriptCards)) {
+            cardGrid->removeWidget(card);
+            byId.insert(card->scriptId(), card);
+        }
+        for (QenvCard *card : std::as_const(qenvCards)) {
+            cardGrid->removeWidget(card);
+            byId.insert(card->envId(), card);
+        }
+        for (OnnxCard *card : std::as_const(onnxCards)) {
+            cardGrid->removeWidget(card);
+            byId.insert(card->weightsId(), card);
+        }
+        for (const QJsonValue &item : std::as_const(allItems)) {
+            if (QWidget *card = byId.value(item.toObject().value(QLatin1String("id")).toString()))
+                ordered.append(card);
+        }
+    }
+    int position = 0;
+    for (QWidget *card : std::as_const(ordered)) {
+        cardGrid->addWidget(card, position / columns, position % columns);
+        ++position;
+    }
+    stretchAfter(ordered.isEmpty() ? -1 : (position - 1) / columns, columns);
+}
+
+void OnlineResourcesWidget::onScriptDownloaded(const QString &) { }
+
+void OnlineResourcesWidget::onDownloadProgress(qint64, qint64) { }
+
+void OnlineResourcesWidget::showAuthorizationManagement(const QString &) { }
+
+void OnlineResourcesWidget::onQenvCardClicked(const QString &envId)
+{
+    apiClient->loadEnvironmentDetails(envId);
+}
+
+void OnlineResourcesWidget::onQenvInstallClicked(const QString &envId)
+{
+    apiClient->downloadEnvironment(envId, temporaryDownloadDirectory());
+}
+
+void OnlineResourcesWidget::onEnvironmentDownloaded(const QString &) { }
+
+void OnlineResourcesWidget::onEnvironmentsLoaded(const QJsonObject &response)
+{
+    if (mode() != Mode::Environments) {
+        finishLoading();
+        return;
+    }
+    if (!response.value(QLatin1String("success")).toBool()) {
+        finishLoading();
+        const QString error = response.value(QLatin1String("error")).toString();
+        showGridMessage(error.isEmpty() ? cannotConnect() : error);
+        return;
+    }
+
+    const QJsonArray items = response.value(QLatin1String("environments")).toArray();
+    const QJsonObject pagination = response.value(QLatin1String("pagination")).toObject();
+    totalPages = pagination.value(QLatin1String("total_pages")).toInt(1);
+    const int total = pagination.value(QLatin1String("total_environments")).toInt(int(items.size()));
+    hasMore = currentPage < totalPages;
+    if (currentPage == 1) {
+        allItems = items;
+        clearGrid();
+        scrollArea->verticalScrollBar()->setValue(0);
+    } else {
+        for (const QJsonValue &item : items)
+            allItems.append(item);
+    }
+    addCards(items);
+    updateCardLayout();
+    finishLoading();
+    if (total == 0)
+        showGridMessage(tr("No environments available - Be the first to upload!"));
+}
+
+void OnlineResourcesWidget::onEnvironmentDetailsLoaded(const QJsonObject &) { }
+
+void OnlineResourcesWidget::onEnvironmentDeleted(const QString &)
+{
+    if (mode() != Mode::Environments)
+        return;
+    resetPaging();
+    loadEnvironments();
+}
+
+void OnlineResourcesWidget::onEnvironmentLikeToggled(const QString &envId, bool liked, int likeCount)
+{
+    for (QenvCard *card : std::as_const(qenvCards)) {
+        if (card->envId() != envId)
+            continue;
+        card->setLiked(liked);
+        card->setLikeCount(likeCount);
+        card->updateLikeButton();
+    }
+}
+
+void OnlineResourcesWidget::onOnnxCardClicked(const QString &weightsId)
+{
+    apiClient->fetchWeightsDetails(weightsId);
+}
+
+void OnlineResourcesWidget::onOnnxDownloadClicked(const QString &weightsId)
+{
+    apiClient->downloadWeights(weightsId);
+}
+
+void OnlineResourcesWidget::onWeightsLoaded(const QJsonObject &response)
+{
+    if (mode() != Mode::Weights) {
+        finishLoading();
+        return;
+    }
+    if (!response.value(QLatin1String("success")).toBool()) {
+        finishLoading();
+        showGridMessage(tr("Failed to load weights: %1").arg(response.value(QLatin1String("error")).toString()));
+        return;
+    }
+
+    const QJsonArray items = response.value(QLatin1String("weights")).toArray();
+    const QJsonObject pagination = response.value(QLatin1String("pagination")).toObject();
+    totalPages = pagination.value(QLatin1String("total_pages")).toInt(1);
+    currentPage = pagination.value(QLatin1String("current_page")).toInt(1);
+    const int total = pagination.value(QLatin1String("total_weights")).toInt(int(items.size()));
+    hasMore = currentPage < totalPages;
+    if (currentPage == 1) {
+        allItems = items;
+        clearGrid();
+        scrollArea->verticalScrollBar()->setValue(0);
+    } else {
+        for (const QJsonValue &item : items)
+            allItems.append(item);
+    }
+    addCards(items);
+    updateCardLayout();
+    finishLoading();
+    if (total == 0)
+        showGridMessage(tr("No weights available - Be the first to upload!"));
+}
+
+void OnlineResourcesWidget::onWeightsDetailsLoaded(const QJsonObject &) { }
+
+void OnlineResourcesWidget::onWeightsDownloaded(const QString &, const QString &) { }
+
+void OnlineResourcesWidget::onWeightsDeleted(const QString &)
+{
+    if (mode() != Mode::Weights)
+        return;
+    resetPaging();
+    loadWeights();
+}
+
+void OnlineResourcesWidget::onWeightsLikeToggled(const QString &weightsId, bool liked, int likeCount)
+{
+    for (OnnxCard *card : std::as_const(onnxCards)) {
+        if (card->weightsId() != weightsId)
+            continue;
+        card->setLiked(liked);
+        card->setLikeCount(likeCount);
+        card->updateLikeButton();
+    }
+}
+
+void OnlineResourcesWidget::resizeEvent(QResizeEvent *event)
+{
+    QWidget::resizeEvent(event);
+    QTimer::singleShot(100, this, &OnlineResourcesWidget::updateCardLayout);
+}
+
+void OnlineResourcesWidget::showEvent(QShowEvent *event)
+{
+    QWidget::showEvent(event);
+    QTimer::singleShot(50, this, &OnlineResourcesWidget::updateCardLayout);
+    checkAuthentication();
+}
+
+OnlineResourcesWidget::Mode OnlineResourcesWidget::mode() const
+{
+    if (currentType == QLatin1String("qenv"))
+        return Mode::Environments;
+    if (currentType == QLatin1String("onnx"))
+        return Mode::Weights;
+    return Mode::Scripts;
+}
+
+void OnlineResourcesWidget::resetPaging()
+{
+    currentPage = 1;
+    hasMore = true;
+    allItems = QJsonArray();
+}
+
+void OnlineResourcesWidget::loadFirstPage()
+{
+    switch (mode()) {
+    case Mode::Environments:
+        loadEnvironments();
+        break;
+    case Mode::Weights:
+        loadWeights();
+        break;
+    case Mode::Scripts:
+        loadScripts();
+        break;
+    }
+}
+
+void OnlineResourcesWidget::loadScripts()
+{
+    if (!apiClient || isLoading)
+        return;
+    updateLoadingState(true);
+    if (isAuthenticated)
+        apiClient->fetchUserLikedScripts();
+    apiClient->fetchScripts({{QStringLiteral("page"), currentPage},
+                             {QStringLiteral("limit"), pageSize},
+                             {QStringLiteral("type"), currentType},
+                             {QStringLiteral("sort"), currentSort},
+                             {QStringLiteral("search"), searchText}});
+}
+
+void OnlineResourcesWidget::loadEnvironments()
+{
+    if (!apiClient || isLoading)
+        return;
+    updateLoadingState(true);
+    apiClient->loadEnvironments({{QStringLiteral("page"), currentPage},
+                                 {QStringLiteral("limit"), pageSize},
+                                 {QStringLiteral("sort"), currentSort},
+                                 {QStringLiteral("search"), searchText}});
+}
+
+void OnlineResourcesWidget::loadWeights()
+{
+    if (!apiClient || isLoading)
+        return;
+    updateLoadingState(true);
+    apiClient->fetchWeights({{QStringLiteral("page"), currentPage},
+                             {QStringLiteral("limit"), pageSize},
+                             {QStringLiteral("sort"), currentSort},
+                             {QStringLiteral("search"), searchText}});
+}
+
+void OnlineResourcesWidget::loadNextPage()
+{
+    isLoadingMore = true;
+    ++currentPage;
+    QJsonObject params{{QStringLiteral("page"), currentPage},
+                       {QStringLiteral("sort"), currentSort},
+                       {QStringLiteral("search"), searchText},
+                       {QStringLiteral("limit"), pageSize}};
+    switch (mode()) {
+    case Mode::Environments:
+        apiClient->loadEnvironments(params);
+        break;
+    case Mode::Weights:
+        apiClient->fetchWeights(params);
+        break;
+    case Mode::Scripts:
+        params.insert(QStringLiteral("type"), currentType);
+        apiClient->fetchScripts(params);
+        break;
+    }
+}
+
+void OnlineResourcesWidget::onScrollValueChanged(int value)
+{
+    if (value >= scrollArea->verticalScrollBar()->maximum() - scrollThreshold)
+        onScrolledToBottom();
+}
+
+void OnlineResourcesWidget::onSafetyTimeout()
+{
+    if (!isLoading)
+        return;
+    updateLoadingState(false);
+    showGridMessage(cannotConnect());
+}
+
+void OnlineResourcesWidget::onLoadingAnimationTick()
+{
+    loadingIndicator->setText(QString(loadingFrame, QChar(0x25CF)));
+    loadingFrame = loadingFrame % 3 + 1;
+}
+
+void OnlineResourcesWidget::onUserBanned(const QString &)
+{
+    QMessageBox::information(this, tr("User Banned"),
+                             tr("The user has been banned from uploading. Their existing uploads are now hidden."),
+                             QMessageBox::Ok);
+    resetPaging();
+    loadScripts();
+}
+
+void OnlineResourcesWidget::finishLoading()
+{
+    updateLoadingState(false);
+    isLoadingMore = false;
+}
+
+void OnlineResourcesWidget::clearGrid()
+{
+    while (QLayoutItem *item = cardGrid->takeAt(0)) {
+        QWidget *widget = item->widget();
+        delete item;
+        // Cards are deleted below through their lists; anything else in the grid is a message label.
+        if (widget && !qobject_cast<ScriptCard *>(widget) && !qobject_cast<QenvCard *>(widget)
+            && !qobject_cast<OnnxCard *>(widget))
+            delete widget;
+    }
+    qDeleteAll(scriptCards);
+    qDeleteAll(qenvCards);
+    qDeleteAll(onnxCards);
+    scriptCards.clear();
+    qenvCards.clear();
+    onnxCards.clear();
+}
+
+void OnlineResourcesWidget::showGridMessage(const QString &message)
+{
+    clearGrid();
+    auto *label = new QLabel(message, gridContainer);
+    label->setObjectName(QStringLiteral("gridMessage"));
+    label->setAlignment(Qt::AlignCenter);
+    label->setWordWrap(true);
+    label->setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Expanding);
+    label->setStyleSheet(QStringLiteral("QLabel { font-size: 16px; color: #99aab5; padding: 50px; }"));
+    for (int row = 0; row < cardGrid->rowCount(); ++row)
+        cardGrid->setRowStretch(row, 0);
+    for (int column = 0; column < cardGrid->columnCount(); ++column)
+        cardGrid->setColumnStretch(column, 0);
+    cardGrid->addWidget(label, 0, 0, 1, -1, Qt::AlignCenter);
+    cardGrid->setRowStretch(0, 1);
+}
+
+void OnlineResourcesWidget::addCards(const QJsonArray &items)
+{
+    const int columns = calculateColumns();
+    const int existing = cardCount();
+    int row = existing / columns;
+    int column = existing % columns;
+    for (const QJsonValue &value : items) {
+        const QJsonObject item = value.toObject();
+        const QString type = item.value(QLatin1String("type")).toString().toLower();
+        const QString id = item.value(QLatin1String("id")).toString();
+        const bool liked = likedScriptIds.contains(id);
+        QWidget *card = nullptr;
+        if (type == QLatin1String("qenv")) {
+            auto *qenvCard = new QenvCard(item, gridContainer);
+            qenvCard->setLiked(liked);
+            qenvCard->setLikeEnabled(isAuthenticated, tr("Log in to like environments"));
+            connect(qenvCard, &QenvCard::clicked, this, &OnlineResourcesWidget::onQenvCardClicked);
+            connect(qenvCard, &QenvCard::installClicked, this, &OnlineResourcesWidget::onQenvInstallClicked);
+            connect(qenvCard, &QenvCard::likeClicked, apiClient, &OnlineResourcesAPI::toggleEnvironmentLike);
+            qenvCards.append(qenvCard);
+            card = qenvCard;
+        } else if (type == QLatin1String("onnx")) {
+            auto *onnxCard = new OnnxCard(item, gridContainer);
+            onnxCard->setLiked(liked);
+            onnxCard->setLikeEnabled(isAuthenticated, tr("Log in to like weights"));
+            connect(onnxCard, &OnnxCard::clicked, this, &OnlineResourcesWidget::onOnnxCardClicked);
+            connect(onnxCard, &OnnxCard::downloadClicked, this, &OnlineResourcesWidget::onOnnxDownloadClicked);
+            connect(onnxCard, &OnnxCard::likeClicked, apiClient, &OnlineResourcesAPI::toggleWeightsLike);
+            onnxCards.append(onnxCard);
+            card = onnxCard;
+        } else {
+            auto *scriptCard = new ScriptCard(item, gridContainer);
+            scriptCard->setLiked(liked);
+            scriptCard->setLikeEnabled(isAuthenticated, tr("Log in to like scripts"));
+            connect(scriptCard, &ScriptCard::clicked, this, &OnlineResourcesWidget::onCardClicked);
+            connect(scriptCard, &ScriptCard::downloadClicked, this, &OnlineResourcesWidget::onCardDownloadClicked);
+            connect(scriptCard, &ScriptCard::likeClicked, apiClient, &OnlineResourcesAPI::toggleLike);
+            scriptCards.append(scriptCard);
+            card = scriptCard;
+        }
+        cardGrid->addWidget(card, row, column);
+        if (++column >= columns) {
+            column = 0;
+            ++row;
+        }
+    }
+    const int placed = cardCount();
+    stretchAfter(placed == 0 ? -1 : (placed - 1) / columns, columns);
+}
+
+void OnlineResourcesWidget::stretchAfter(int lastRow, int columns)
+{
+    // Cards have a fixed size: the spare room goes below the last row and right of the last column, so the
+    // cards stay packed at the top left instead of drifting apart.
+    for (int row = 0; row < cardGrid->rowCount(); ++row)
+        cardGrid->setRowStretch(row, 0);
+    for (int column = 0; column < cardGrid->columnCount(); ++column)
+        cardGrid->setColumnStretch(column, 0);
+    cardGrid->setRowStretch(lastRow + 1, 1);
+    cardGrid->setColumnStretch(columns, 1);
+}
+
+int OnlineResourcesWidget::calculateColumns() const
+{
+    const int available = scrollArea ? scrollArea->viewport()->width() - 20 : width() - 40;
+    int columns = std::max(1, (available + gridSpacing) / (cardWidth + gridSpacing));
+    while (columns > 1 && columns * cardWidth + (columns - 1) * gridSpacing > available)
+        --columns;
+    return std::min(columns, maximumColumns);
+}
+
+int OnlineResourcesWidget::cardCount() const
+{
+    return int(scriptCards.size() + qenvCards.size() + onnxCards.size());
+}
+
+QString OnlineResourcesWidget::temporaryDownloadDirectory() const
+{
+    return QStandardPaths::writableLocation(QStandardPaths::TempLocation);
+}
+
+void OnlineResourcesWidget::showAuthenticationRequired()
+{
+    QMessageBox::warning(this, tr("Authentication Required"),
+                         tr("Please log in via the Account page in Preferences to use Online Resources."),
+                         QMessageBox::Ok);
+    emit authenticationRequired();
+}
 
 } // namespace Quorix

@@ -1,18 +1,35 @@
 #pragma once
 
+#include <QJsonArray>
+#include <QJsonObject>
+#include <QList>
 #include <QPointer>
+#include <QString>
+#include <QStringList>
 #include <QWidget>
 
+class QComboBox;
+class QGridLayout;
 class QLabel;
+class QLineEdit;
+class QPushButton;
+class QScrollArea;
+class QStackedWidget;
+class QTimer;
 
 namespace Quorix {
 
 class OnlineResourcesAPI;
 class OnlineResourcesPlugin;
+class OnnxCard;
 class PluginHost;
+class QenvCard;
+class ScriptCard;
 class SettingsManager;
+class ThemedToolButton;
 
-// The plugin's page. Owns the one API client for its whole life.
+// The plugin's page: a searchable, filterable, infinitely scrolling grid of catalogue cards for one resource kind
+// at a time. Owns the one API client for its whole life and routes card actions to it.
 class OnlineResourcesWidget : public QWidget
 {
     Q_OBJECT
@@ -26,18 +43,121 @@ public:
     void setPluginHost(PluginHost *host);
     void setSettingsManager(SettingsManager *settingsManager);
 
-    // Re-reads the host's login state and copies the credentials into the API client.
+    // Re-reads the host's login state, copies the credentials into the API client and reloads when the user changed.
     void checkAuthentication();
     // Re-applies the controls that depend on the user and the preferences.
     void refreshUserControls();
     void retranslateUi();
     void startPublishing(const QString &filePath);
+    // Whether the signed-in user may moderate: their Discord ID is one of the configured administrators.
+    bool isAdministrator() const;
+
+Q_SIGNALS:
+    void scriptDownloaded(const QString &filePath);
+    void authenticationRequired();
+    void errorOccurred(const QString &error);
+
+private Q_SLOTS:
+    void onSearchTextChanged(const QString &text);
+    void onTypeFilterChanged(int index);
+    void onSortChanged(int index);
+    void onRefreshClicked();
+    void onUploadClicked();
+    void onCardClicked(const QString &scriptId);
+    void onCardDownloadClicked(const QString &scriptId);
+    void onScriptsLoaded(const QJsonObject &response);
+    void onScriptDetailsLoaded(const QJsonObject &details);
+    void onScriptDeleted(const QString &scriptId);
+    void onScriptLikeToggled(const QString &scriptId, bool liked, int likeCount);
+    void onUserLikedScriptsLoaded(const QStringList &scriptIds);
+    void onUploadCompleted(const QString &scriptId);
+    void onNetworkError(const QString &error);
+    void updateLoadingState(bool loading);
+    void onScrolledToBottom();
+    void updateCardLayout();
+    void onScriptDownloaded(const QString &tempFilePath);
+    void onDownloadProgress(qint64 bytesReceived, qint64 bytesTotal);
+    void showAuthorizationManagement(const QString &scriptId);
+    void onQenvCardClicked(const QString &envId);
+    void onQenvInstallClicked(const QString &envId);
+    void onEnvironmentDownloaded(const QString &filePath);
+    void onEnvironmentsLoaded(const QJsonObject &response);
+    void onEnvironmentDetailsLoaded(const QJsonObject &details);
+    void onEnvironmentDeleted(const QString &envId);
+    void onEnvironmentLikeToggled(const QString &envId, bool liked, int likeCount);
+    void onOnnxCardClicked(const QString &weightsId);
+    void onOnnxDownloadClicked(const QString &weightsId);
+    void onWeightsLoaded(const QJsonObject &response);
+    void onWeightsDetailsLoaded(const QJsonObject &details);
+    void onWeightsDownloaded(const QString &filePath, const QString &uuid);
+    void onWeightsDeleted(const QString &weightsId);
+    void onWeightsLikeToggled(const QString &weightsId, bool liked, int likeCount);
+
+protected:
+    void resizeEvent(QResizeEvent *event) override;
+    void showEvent(QShowEvent *event) override;
 
 private:
+    enum class Mode { Scripts, Environments, Weights };
+
+    void buildLayout();
+    void connectApi();
+    Mode mode() const;
+    void resetPaging();
+    void loadFirstPage();
+    void loadScripts();
+    void loadEnvironments();
+    void loadWeights();
+    void loadNextPage();
+    void onScrollValueChanged(int value);
+    void onSafetyTimeout();
+    void onLoadingAnimationTick();
+    void onUserBanned(const QString &discordId);
+    void finishLoading();
+    void clearGrid();
+    void showGridMessage(const QString &message);
+    void addCards(const QJsonArray &items);
+    void placeCards(const QList<QWidget *> &cards);
+    int calculateColumns() const;
+    int cardCount() const;
+    void stretchAfter(int lastRow, int columns);
+    QString temporaryDownloadDirectory() const;
+    void showAuthenticationRequired();
+
     OnlineResourcesAPI *apiClient = nullptr;
     QPointer<PluginHost> pluginHost;
     SettingsManager *settings = nullptr;
-    QLabel *statusLabel = nullptr;
+
+    int currentPage = 1;
+    int totalPages = 1;
+    int totalItems = 0;
+    QString searchText;
+    QString currentType = QStringLiteral("all");
+    QString currentSort = QStringLiteral("popular");
+    bool isLoading = false;
+    bool isLoadingMore = false;
+    bool hasMore = true;
+    bool isAuthenticated = false;
+    QString lastDiscordId;
+    QJsonArray allItems;
+    QStringList likedScriptIds;
+    QList<ScriptCard *> scriptCards;
+    QList<QenvCard *> qenvCards;
+    QList<OnnxCard *> onnxCards;
+
+    QLabel *titleLabel = nullptr;
+    QLineEdit *searchEdit = nullptr;
+    QComboBox *typeFilter = nullptr;
+    QComboBox *sortCombo = nullptr;
+    ThemedToolButton *refreshButton = nullptr;
+    QPushButton *uploadButton = nullptr;
+    QStackedWidget *stack = nullptr;
+    QScrollArea *scrollArea = nullptr;
+    QWidget *gridContainer = nullptr;
+    QGridLayout *cardGrid = nullptr;
+    QLabel *loadingIndicator = nullptr;
+    QTimer *loadingTimer = nullptr;
+    QTimer *safetyTimer = nullptr;
 };
 
 } // namespace Quorix

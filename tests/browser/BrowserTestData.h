@@ -1,0 +1,24 @@
+#pragma once
+
+#include <QJsonArray>
+#include <QJsonObject>
+#include <QString>
+
+namespace Quorix::Testing {
+
+// Catalogue records and list envelopes shaped like the server's, for the browser tests.
+class BrowserTestData
+{
+public:
+    static QJsonObject script(const QString &id, const QString &type = QStringLiteral("gpc3"));
+    static QJsonObject environment(const QString &id);
+    static QJsonObject weights(const QString &id, bool encrypted = false);
+    // Records "<prefix><first>" .. "<prefix><first + count - 1>".
+    static QJsonArray scripts(const QString &prefix, int first, int count);
+
+    static QJsonObject scriptPage(const QJsonArray &items, int currentPage, int totalPages, int totalScripts);
+    static QJsonObject environmentPage(const QJsonArray &items, int totalPages, int totalEnvironments);
+    static QJsonObject weightsPage(const QJsonArray &items, int currentPage, int totalPages, int totalWeights);
+};
+
+} // namespace Quorix::Testing
