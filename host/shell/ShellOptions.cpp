@@ -20,12 +20,15 @@ ShellOptions ShellOptions::parse(const QStringList &arguments)
             QCoreApplication::translate("main", "Folder to load plugin modules from."), QStringLiteral("dir"));
     const QCommandLineOption themeOption(QStringLiteral("theme"),
             QCoreApplication::translate("main", "Use the light or dark theme for this run."), QStringLiteral("theme"));
+    const QCommandLineOption setOption(QStringLiteral("set"),
+            QCoreApplication::translate("main", "Set a property of a named widget once shown, e.g. typeFilter.currentIndex=3."),
+            QStringLiteral("object.property=value"));
     const QCommandLineOption settleOption(QStringLiteral("settle-ms"),
             QCoreApplication::translate("main", "Milliseconds to wait before a screenshot."), QStringLiteral("ms"));
     const QCommandLineOption demoOption(QStringLiteral("demo"),
             QCoreApplication::translate("main",
                     "Run on a seeded catalogue server started in this process, signed in as a demo user."));
-    parser.addOptions({listOption, screenshotOption, pluginDirOption, themeOption, settleOption, demoOption});
+    parser.addOptions({listOption, screenshotOption, pluginDirOption, themeOption, settleOption, demoOption, setOption});
     parser.process(arguments);
 
     ShellOptions options;
@@ -33,6 +36,7 @@ ShellOptions ShellOptions::parse(const QStringList &arguments)
     options.demo = parser.isSet(demoOption);
     options.screenshotFile = parser.value(screenshotOption);
     options.theme = parser.value(themeOption);
+    options.propertyAssignments = parser.values(setOption);
     if (parser.isSet(settleOption))
         options.settleMilliseconds = qMax(0, parser.value(settleOption).toInt());
 

@@ -14,6 +14,8 @@ struct ShellOptions
     QString pluginDirectory;
     QString theme;
     int settleMilliseconds = 2500;
+    // "objectName.property=value" assignments applied to the window's widgets once shown (scripted screenshots).
+    QStringList propertyAssignments;
 
     // Parses the application's arguments; exits the process on --help or a malformed option.
     static ShellOptions parse(const QStringList &arguments);

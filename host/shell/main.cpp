@@ -11,6 +11,7 @@
 #include <QApplication>
 #include <QTextStream>
 #include <QTimer>
+#include <QWidget>
 
 using namespace Quorix;
 
@@ -33,6 +34,21 @@ void scheduleScreenshot(MainWindow *window, const QString &file, int settleMilli
             QTextStream(stderr) << "quorix-shell: cannot write " << file << '\n';
         QCoreApplication::exit(saved ? 0 : 1);
     });
+}
+
+// Lets scripts put a page into a given state before a screenshot without the host knowing the page's internals.
+void applyPropertyAssignments(QWidget *window, const QStringList &assignments)
+{
+    for (const QString &assignment : assignments) {
+        const qsizetype dot = assignment.indexOf(QLatin1Char('.'));
+        const qsizetype equals = assignment.indexOf(QLatin1Char('='), dot + 1);
+        QObject *target = dot > 0 ? window->findChild<QObject *>(assignment.left(dot)) : nullptr;
+        if (!target || equals < 0
+            || !target->setProperty(assignment.mid(dot + 1, equals - dot - 1).toUtf8().constData(),
+                                    assignment.mid(equals + 1))) {
+            QTextStream(stderr) << "quorix-shell: cannot apply " << assignment << '\n';
+        }
+    }
 }
 
 } // namespace
@@ -69,6 +85,7 @@ int main(int argc, char *argv[])
 
     MainWindow window(&host, settings, plugins);
     window.show();
+    QTimer::singleShot(0, &window, [&window, &options] { applyPropertyAssignments(&window, options.propertyAssignments); });
     if (!options.screenshotFile.isEmpty())
         scheduleScreenshot(&window, options.screenshotFile, options.settleMilliseconds);
     const int status = app.exec();
