@@ -124,7 +124,14 @@ ApiResponse CatalogueApi::handle(const ApiRequest &request)
     context.caller.administrator = isAdministrator(context.user);
     if (request.body.size() > bodyLimit())
         return ApiResponse::error(413, QStringLiteral("Request body too large"));
-    return route(context);
+    ApiResponse response = route(context);
+    // The plugin (API version 4) reads a refusal from the body of a successful reply and turns any HTTP error status
+    // into a bare transport message, which would hide our reason from the user. 413 keeps its status: the plugin
+    // reports it as the upload size limit.
+    if (request.header("x-quorix-api-version") == "4" && response.status >= 400 && response.status < 500
+        && response.status != 413)
+        response.status = 200;
+    return response;
 }
 
 CatalogueDatabase::User CatalogueApi::identify(const ApiRequest &request)
