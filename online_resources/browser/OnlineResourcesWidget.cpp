@@ -2,6 +2,7 @@
 
 #include "OnnxCard.h"
 #include "QenvCard.h"
+#include "ResourceCard.h"
 #include "ScriptCard.h"
 #include "api/OnlineResourcesAPI.h"
 #include "plugin/Configuration.h"
@@ -444,18 +445,15 @@ void OnlineResourcesWidget::updateCardLayout()
         }
     } else {
         QHash<QString, QWidget *> byId;
-        for (ScriptCard *card : std::as_const(scriptCards)) {
-            cardGrid->removeWidget(card);
-            byId.insert(card->scriptId(), card);
-        }
-        for (QenvCard *card : std::as_const(qenvCards)) {
-            cardGrid->removeWidget(card);
-            byId.insert(card->envId(), card);
-        }
-        for (OnnxCard *card : std::as_const(onnxCards)) {
-            cardGrid->removeWidget(card);
-            byId.insert(card->weightsId(), card);
-        }
+        const auto collect = [this, &byId](const auto &cards) {
+            for (ResourceCard *card : cards) {
+                cardGrid->removeWidget(card);
+                byId.insert(card->resourceId(), card);
+            }
+        };
+        collect(scriptCards);
+        collect(qenvCards);
+        collect(onnxCards);
         for (const QJsonValue &item : std::as_const(allItems)) {
             if (QWidget *card = byId.value(item.toObject().value(QLatin1String("id")).toString()))
                 ordered.append(card);
@@ -750,8 +748,7 @@ void OnlineResourcesWidget::clearGrid()
         QWidget *widget = item->widget();
         delete item;
         // Cards are deleted below through their lists; anything else in the grid is a message label.
-        if (widget && !qobject_cast<ScriptCard *>(widget) && !qobject_cast<QenvCard *>(widget)
-            && !qobject_cast<OnnxCard *>(widget))
+        if (widget && !qobject_cast<ResourceCard *>(widget))
             delete widget;
     }
     qDeleteAll(scriptCards);

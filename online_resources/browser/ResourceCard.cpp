@@ -1,0 +1,272 @@
+#include "ResourceCard.h"
+
+#include "CardThumbnail.h"
+#include "plugin/ResourceRecord.h"
+
+#include <ThemedIcon.h>
+
+#include <QDateTime>
+#include <QGroupBox>
+#include <QHBoxLayout>
+#include <QLabel>
+#include <QMouseEvent>
+#include <QPainter>
+#include <QPushButton>
+#include <QVBoxLayout>
+
+namespace Quorix {
+
+namespace {
+
+constexpr int pillHeight = 26;
+constexpr int innerWidth = ResourceCard::cardWidth - 24;
+
+QLabel *elidedLabel(const QString &text, const QString &styleSheet, QWidget *parent)
+{
+    auto *label = new QLabel(parent);
+    label->setStyleSheet(styleSheet);
+    label->ensurePolished();
+    label->setText(label->fontMetrics().elidedText(text, Qt::ElideRight, innerWidth));
+    if (label->text() != text)
+        label->setToolTip(text);
+    return label;
+}
+
+} // namespace
+
+ResourceCard::ResourceCard(const QJsonObject &item, QWidget *parent)
+    : QWidget(parent)
+    , id(ResourceRecord::id(item))
+    , name(item.value(QLatin1String("name")).toString())
+    , author(ResourceRecord::authorName(item))
+    , downloads(ResourceRecord::counter(item, QStringLiteral("downloads")))
+    , visibility(ResourceRecord::visibility(item))
+    , canDownload(ResourceRecord::canDownload(item))
+    , created(item.value(QLatin1String("created")).toString())
+    , version(ResourceRecord::versionText(item))
+    , likes(int(ResourceRecord::counter(item, QStringLiteral("likes"))))
+    , thumbnail(item.value(QLatin1String("thumbnail")).toString())
+    , description(item.value(QLatin1String("description")).toString())
+{
+    if (description.size() > 200)
+        description = description.left(197) + QStringLiteral("...");
+}
+
+void ResourceCard::build()
+{
+    buildLayout();
+    applyVisibilityBadge();
+    applyDownloadState();
+    updateLikeButton();
+}
+
+QString ResourceCard::badgeStyle()
+{
+    return QStringLiteral("QLabel { border: 1px solid #666; border-radius: 3px; font-size: 7pt; font-weight: bold; }");
+}
+
+QLabel *ResourceCard::createExtraPill(QWidget *) const
+{
+    return nullptr;
+}
+
+QString ResourceCard::metaLine(const QString &version, const QString &date, const QString &author) const
+{
+    const QString versionPart = version.isEmpty() ? QString() : tr("v%1 • ").arg(version);
+    return tr("%1%2 by %3").arg(versionPart, date, author);
+}
+
+QString ResourceCard::statsLine(const QString &downloadCount) const
+{
+    return tr("%1 downloads").arg(downloadCount);
+}
+
+QString ResourceCard::actionText() const
+{
+    return tr("Download");
+}
+
+QString ResourceCard::actionObjectName() const
+{
+    return QStringLiteral("scriptCardDownloadButton");
+}
+
+void ResourceCard::buildLayout()
+{
+    setFixedSize(cardWidth, cardHeight);
+    setCursor(Qt::PointingHandCursor);
+
+    auto *outer = new QVBoxLayout(this);
+    outer->setContentsMargins(0, 0, 0, 0);
+    auto *frame = new QGroupBox(this);
+    frame->setStyleSheet(QStringLiteral("QGroupBox { margin: 0px; padding: 1px; border-radius: 18px; }"));
+    outer->addWidget(frame);
+
+    auto *frameLayout = new QVBoxLayout(frame);
+    frameLayout->setContentsMargins(0, 0, 0, 0);
+    auto *body = new QWidget(frame);
+    frameLayout->addWidget(body);
+
+    auto *layout = new QVBoxLayout(body);
+    layout->setContentsMargins(11, 11, 11, 11);
+    layout->setSpacing(6);
+
+    // The rounding is set on a holder of its own so that it reaches only the picture, not the buttons.
+    auto *pictureHolder = new QWidget(body);
+    pictureHolder->setStyleSheet(QStringLiteral("QWidget { border-radius: 15px; }"));
+    auto *holderLayout = new QVBoxLayout(pictureHolder);
+    holderLayout->setContentsMargins(0, 0, 0, 0);
+    auto *picture = new QWidget(pictureHolder);
+    picture->setAttribute(Qt::WA_StyledBackground);
+    picture->setStyleSheet(pictureStyle());
+    auto *pictureLayout = new QVBoxLayout(picture);
+    pictureLayout->setContentsMargins(0, 0, 0, 0);
+    pictureLayout->addWidget(new CardThumbnail(thumbnail, QSize(innerWidth, 120), this));
+    holderLayout->addWidget(picture);
+    layout->addWidget(pictureHolder);
+
+    auto *badges = new QHBoxLayout;
+    badges->setSpacing(6);
+    QLabel *typePill = createTypePill(body);
+    typePill->setContentsMargins(5, 1, 5, 1);
+    badges->addWidget(typePill);
+    if (QLabel *extraPill = createExtraPill(body))
+        badges->addWidget(extraPill);
+    visibilityBadge = new QLabel(body);
+    visibilityBadge->setStyleSheet(badgeStyle());
+    visibilityBadge->setContentsMargins(5, 1, 5, 1);
+    badges->addWidget(visibilityBadge);
+    badges->addStretch();
+    layout->addLayout(badges);
+
+    layout->addWidget(elidedLabel(
+            name, QStringLiteral("QLabel { font-size: 16pt; font-weight: bold; margin: 0px; padding: 0px; }"), body));
+
+    const QString date = ResourceRecord::relativeDate(created, QDateTime::currentDateTime());
+    layout->addWidget(elidedLabel(metaLine(version, date, author),
+                                  QStringLiteral("QLabel { font-size: 9pt; margin: 0px; padding: 0px; }"), body));
+
+    auto *descriptionLabel = new QLabel(description, body);
+    descriptionLabel->setObjectName(QStringLiteral("cardDescription"));
+    descriptionLabel->setStyleSheet(QStringLiteral("QLabel { font-size: 8pt; }"));
+    descriptionLabel->setWordWrap(true);
+    descriptionLabel->setAlignment(Qt::AlignLeft | Qt::AlignTop);
+    descriptionLabel->setSizePolicy(QSizePolicy::Preferred, QSizePolicy::Ignored);
+    layout->addWidget(descriptionLabel, 1);
+
+    auto *downloadsLabel = new QLabel(statsLine(ResourceRecord::abbreviatedCount(downloads)), body);
+    downloadsLabel->setObjectName(QStringLiteral("cardDownloads"));
+    downloadsLabel->setStyleSheet(QStringLiteral("QLabel { font-size: 8pt; }"));
+    layout->addWidget(downloadsLabel);
+
+    auto *actions = new QHBoxLayout;
+    likeButton = createPillButton(QString(), body);
+    likeButton->setObjectName(QStringLiteral("scriptCardLikeButton"));
+    likeButton->setCheckable(true);
+    likeButton->setIconSize(QSize(14, 14));
+    likeButton->setMinimumWidth(56);
+    likeButton->setFixedHeight(pillHeight);
+    connect(likeButton, &QPushButton::clicked, this, [this] {
+        // The server decides the new state; until it answers the button shows the last known one.
+        updateLikeButton();
+        emit likeClicked(id);
+    });
+    actions->addWidget(likeButton);
+    actions->addStretch();
+    actionButton = createPillButton(actionText(), body);
+    actionButton->setObjectName(actionObjectName());
+    actionButton->setMinimumWidth(96);
+    actionButton->setFixedHeight(pillHeight);
+    connect(actionButton, &QPushButton::clicked, this, [this] { emit downloadClicked(id); });
+    actions->addWidget(actionButton);
+    layout->addLayout(actions);
+}
+
+QString ResourceCard::resourceId() const
+{
+    return id;
+}
+
+bool ResourceCard::isLiked() const
+{
+    return liked;
+}
+
+void ResourceCard::setLiked(bool value)
+{
+    liked = value;
+}
+
+void ResourceCard::setLikeCount(int count)
+{
+    likes = count;
+}
+
+void ResourceCard::setLikeEnabled(bool enabled, const QString &disabledToolTip)
+{
+    likeDisabledToolTip = disabledToolTip;
+    likeButton->setEnabled(enabled);
+    updateLikeButton();
+}
+
+void ResourceCard::updateLikeButton()
+{
+    likeButton->setIcon(liked ? ThemedIcon::create(QStringLiteral(":/icons/heart-solid.svg"), QColor(0xe5, 0x39, 0x35))
+                              : ThemedIcon::create(QStringLiteral(":/icons/heart-outline.svg")));
+    likeButton->setChecked(liked);
+    if (likeButton->isEnabled())
+        likeButton->setToolTip(liked ? tr("Already liked") : likeToolTip());
+    else
+        likeButton->setToolTip(likeDisabledToolTip);
+    likeButton->setText(likes >= 1 ? QString::number(likes) : QString());
+    likeButton->update();
+}
+
+void ResourceCard::paintEvent(QPaintEvent *)
+{
+    // The card's surface: a rounded panel one step off the window colour, so cards stand out in both themes.
+    QPainter painter(this);
+    painter.setRenderHint(QPainter::Antialiasing);
+    painter.setPen(QPen(palette().color(QPalette::Mid), 1));
+    painter.setBrush(palette().color(QPalette::AlternateBase));
+    painter.drawRoundedRect(QRectF(rect()).adjusted(0.5, 0.5, -0.5, -0.5), 18, 18);
+}
+
+void ResourceCard::mouseReleaseEvent(QMouseEvent *event)
+{
+    if (event->button() == Qt::LeftButton && rect().contains(event->position().toPoint()))
+        emit clicked(id);
+    QWidget::mouseReleaseEvent(event);
+}
+
+void ResourceCard::applyVisibilityBadge()
+{
+    if (visibility.isEmpty() || visibility == QLatin1String("public")) {
+        visibilityBadge->hide();
+        return;
+    }
+    visibilityBadge->setText(visibility.toUpper());
+    if (visibility == QLatin1String("private")) {
+        visibilityBadge->setStyleSheet(QStringLiteral("QLabel { background-color: #f9a825; color: white; "
+                                                      "border-radius: 3px; font-size: 6pt; font-weight: bold; }"));
+    } else if (visibility == QLatin1String("purchasable")) {
+        visibilityBadge->setText(tr("LOCKED"));
+        visibilityBadge->setStyleSheet(QStringLiteral("QLabel { background-color: #e53935; color: white; "
+                                                      "border-radius: 3px; font-size: 6pt; font-weight: bold; }"));
+    }
+    visibilityBadge->show();
+}
+
+void ResourceCard::applyDownloadState()
+{
+    actionButton->setEnabled(canDownload);
+    if (canDownload) {
+        actionButton->setToolTip(QString());
+    } else if (visibility == QLatin1String("purchasable")) {
+        actionButton->setToolTip(purchasableToolTip());
+    } else if (visibility == QLatin1String("private")) {
+        actionButton->setToolTip(privateToolTip());
+    }
+}
+
+} // namespace Quorix
