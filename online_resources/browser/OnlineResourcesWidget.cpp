@@ -312,6 +312,20 @@ void OnlineResourcesWidget::onCardDownloadClicked(const QString &scriptId)
         apiClient->downloadScript(scriptId, temporaryDownloadDirectory());
 }
 
+// A first page replaces the grid, any later page extends it, always in server order.
+void OnlineResourcesWidget::acceptPage(const QJsonArray &items)
+{
+    if (currentPage == 1) {
+        allItems = items;
+        clearGrid();
+        scrollArea->verticalScrollBar()->setValue(0);
+    } else {
+        for (const QJsonValue &item : items)
+            allItems.append(item);
+    }
+    addCards(items);
+}
+
 void OnlineResourcesWidget::onScriptsLoaded(const QJsonObject &response)
 {
     if (mode() != Mode::Scripts) {
@@ -331,15 +345,7 @@ void OnlineResourcesWidget::onScriptsLoaded(const QJsonObject &response)
     totalPages = pagination.value(QLatin1String("total_pages")).toInt(0);
     currentPage = pagination.value(QLatin1String("current_page")).toInt(0);
     hasMore = currentPage < totalPages;
-    if (currentPage == 1) {
-        allItems = items;
-        clearGrid();
-        scrollArea->verticalScrollBar()->setValue(0);
-    } else {
-        for (const QJsonValue &item : items)
-            allItems.append(item);
-    }
-    addCards(items);
+    acceptPage(items);
     finishLoading();
     if (totalItems == 0)
         showGridMessage(tr("No scripts available - Be the first to upload!"));
@@ -503,15 +509,7 @@ void OnlineResourcesWidget::onEnvironmentsLoaded(const QJsonObject &response)
     totalPages = pagination.value(QLatin1String("total_pages")).toInt(1);
     const int total = pagination.value(QLatin1String("total_environments")).toInt(int(items.size()));
     hasMore = currentPage < totalPages;
-    if (currentPage == 1) {
-        allItems = items;
-        clearGrid();
-        scrollArea->verticalScrollBar()->setValue(0);
-    } else {
-        for (const QJsonValue &item : items)
-            allItems.append(item);
-    }
-    addCards(items);
+    acceptPage(items);
     updateCardLayout();
     finishLoading();
     if (total == 0)
@@ -567,15 +565,7 @@ void OnlineResourcesWidget::onWeightsLoaded(const QJsonObject &response)
     currentPage = pagination.value(QLatin1String("current_page")).toInt(1);
     const int total = pagination.value(QLatin1String("total_weights")).toInt(int(items.size()));
     hasMore = currentPage < totalPages;
-    if (currentPage == 1) {
-        allItems = items;
-        clearGrid();
-        scrollArea->verticalScrollBar()->setValue(0);
-    } else {
-        for (const QJsonValue &item : items)
-            allItems.append(item);
-    }
-    addCards(items);
+    acceptPage(items);
     updateCardLayout();
     finishLoading();
     if (total == 0)

@@ -116,6 +116,7 @@ private:
     void finishLoading();
     void clearGrid();
     void showGridMessage(const QString &message);
+    void acceptPage(const QJsonArray &items);
     void addCards(const QJsonArray &items);
     void placeCards(const QList<QWidget *> &cards);
     int calculateColumns() const;
