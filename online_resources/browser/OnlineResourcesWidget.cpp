@@ -639,6 +639,18 @@ void OnlineResourcesWidget::loadFirstPage()
     }
 }
 
+// The query of every list request; only scripts are filtered by type.
+QJsonObject OnlineResourcesWidget::listParameters(Mode listMode) const
+{
+    QJsonObject params{{QStringLiteral("page"), currentPage},
+                       {QStringLiteral("limit"), pageSize},
+                       {QStringLiteral("sort"), currentSort},
+                       {QStringLiteral("search"), searchText}};
+    if (listMode == Mode::Scripts)
+        params.insert(QStringLiteral("type"), currentType);
+    return params;
+}
+
 void OnlineResourcesWidget::loadScripts()
 {
     if (!apiClient || isLoading)
@@ -646,11 +658,7 @@ void OnlineResourcesWidget::loadScripts()
     updateLoadingState(true);
     if (isAuthenticated)
         apiClient->fetchUserLikedScripts();
-    apiClient->fetchScripts({{QStringLiteral("page"), currentPage},
-                             {QStringLiteral("limit"), pageSize},
-                             {QStringLiteral("type"), currentType},
-                             {QStringLiteral("sort"), currentSort},
-                             {QStringLiteral("search"), searchText}});
+    apiClient->fetchScripts(listParameters(Mode::Scripts));
 }
 
 void OnlineResourcesWidget::loadEnvironments()
@@ -658,10 +666,7 @@ void OnlineResourcesWidget::loadEnvironments()
     if (!apiClient || isLoading)
         return;
     updateLoadingState(true);
-    apiClient->loadEnvironments({{QStringLiteral("page"), currentPage},
-                                 {QStringLiteral("limit"), pageSize},
-                                 {QStringLiteral("sort"), currentSort},
-                                 {QStringLiteral("search"), searchText}});
+    apiClient->loadEnvironments(listParameters(Mode::Environments));
 }
 
 void OnlineResourcesWidget::loadWeights()
@@ -669,30 +674,22 @@ void OnlineResourcesWidget::loadWeights()
     if (!apiClient || isLoading)
         return;
     updateLoadingState(true);
-    apiClient->fetchWeights({{QStringLiteral("page"), currentPage},
-                             {QStringLiteral("limit"), pageSize},
-                             {QStringLiteral("sort"), currentSort},
-                             {QStringLiteral("search"), searchText}});
+    apiClient->fetchWeights(listParameters(Mode::Weights));
 }
 
 void OnlineResourcesWidget::loadNextPage()
 {
     isLoadingMore = true;
     ++currentPage;
-    QJsonObject params{{QStringLiteral("page"), currentPage},
-                       {QStringLiteral("sort"), currentSort},
-                       {QStringLiteral("search"), searchText},
-                       {QStringLiteral("limit"), pageSize}};
     switch (mode()) {
     case Mode::Environments:
-        apiClient->loadEnvironments(params);
+        apiClient->loadEnvironments(listParameters(Mode::Environments));
         break;
     case Mode::Weights:
-        apiClient->fetchWeights(params);
+        apiClient->fetchWeights(listParameters(Mode::Weights));
         break;
     case Mode::Scripts:
-        params.insert(QStringLiteral("type"), currentType);
-        apiClient->fetchScripts(params);
+        apiClient->fetchScripts(listParameters(Mode::Scripts));
         break;
     }
 }

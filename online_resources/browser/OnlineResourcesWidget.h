@@ -116,6 +116,7 @@ private:
     void finishLoading();
     void clearGrid();
     void showGridMessage(const QString &message);
+    QJsonObject listParameters(Mode listMode) const;
     void acceptPage(const QJsonArray &items);
     void addCards(const QJsonArray &items);
     void placeCards(const QList<QWidget *> &cards);
