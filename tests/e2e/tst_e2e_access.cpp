@@ -15,12 +15,6 @@ namespace {
 
 const QString administratorId = QStringLiteral("398000000000000001");
 
-QByteArray readFile(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
 } // namespace
 
 // Who sees and downloads what, through the client: visibility, access lists, pending grants, revocation and bans.
@@ -52,7 +46,7 @@ private:
             return outcome.error.isEmpty() ? QStringLiteral("no answer") : outcome.error;
         if (!QDir(directory).entryList(QDir::Files | QDir::Hidden).contains(QStringLiteral("guarded.gpc3")))
             return QStringLiteral("file missing");
-        return QString::fromUtf8(readFile(outcome.arguments.first().toString()));
+        return QString::fromUtf8(E2eCatalogue::readFile(outcome.arguments.first().toString()));
     }
 
     QJsonObject grant(OnlineResourcesAPI *api, const QString &id, const QString &discordId)

@@ -17,12 +17,6 @@ namespace {
 
 const QString administratorId = QStringLiteral("399000000000000001");
 
-QByteArray readFile(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
 } // namespace
 
 // Publishing through the client: uploads and updates, details, downloads of every kind, and who may delete.
@@ -103,7 +97,7 @@ private slots:
         QVERIFY2(!download.arguments.isEmpty(), qPrintable(download.error));
         const QString path = download.arguments.first().toString();
         QCOMPARE(path, directory + QStringLiteral("/trigger_boost.gpc3"));
-        QCOMPARE(readFile(path), second);
+        QCOMPARE(E2eCatalogue::readFile(path), second);
         QCOMPARE(QDir(directory).entryList(QDir::Files), QStringList{QStringLiteral("trigger_boost.gpc3")});
     }
 
@@ -123,7 +117,7 @@ private slots:
         const auto download = E2eCatalogue::await(author.get(), &OnlineResourcesAPI::scriptDownloaded,
                                                   [&] { author->downloadScript(id, directory); });
         QVERIFY(!download.arguments.isEmpty());
-        QCOMPARE(readFile(download.arguments.first().toString()), QByteArray("original"));
+        QCOMPARE(E2eCatalogue::readFile(download.arguments.first().toString()), QByteArray("original"));
     }
 
     void environmentPackagesTravelThroughTheScriptUpload()
@@ -170,7 +164,7 @@ private slots:
                                                   [&] { visitor->downloadEnvironment(id, directory); });
         QVERIFY2(!download.arguments.isEmpty(), qPrintable(download.error));
         QCOMPARE(download.arguments.first().toString(), directory + QStringLiteral("/vision.qenv"));
-        QCOMPARE(readFile(download.arguments.first().toString()), package);
+        QCOMPARE(E2eCatalogue::readFile(download.arguments.first().toString()), package);
     }
 
     void weightsAreSavedUnderTheirIdWithTheRightExtension_data()
@@ -218,7 +212,7 @@ private slots:
         const QString expected
                 = OnlineResourcesAPI::weightsDirectory() + QLatin1Char('/') + uuid + QLatin1Char('.') + extension;
         QCOMPARE(download.arguments, (QList<QVariant>{uuid, expected}));
-        QCOMPARE(readFile(expected), model);
+        QCOMPARE(E2eCatalogue::readFile(expected), model);
         QVERIFY(QFile::remove(expected));
     }
 
