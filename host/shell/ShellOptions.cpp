@@ -28,7 +28,12 @@ ShellOptions ShellOptions::parse(const QStringList &arguments)
     const QCommandLineOption demoOption(QStringLiteral("demo"),
             QCoreApplication::translate("main",
                     "Run on a seeded catalogue server started in this process, signed in as a demo user."));
-    parser.addOptions({listOption, screenshotOption, pluginDirOption, themeOption, settleOption, demoOption, setOption});
+    const QCommandLineOption openOption(QStringLiteral("open"),
+            QCoreApplication::translate("main",
+                    "Ask the plugin pages to open a dialog, e.g. script-details:NAME; a screenshot then shows it."),
+            QStringLiteral("target"));
+    parser.addOptions({listOption, screenshotOption, pluginDirOption, themeOption, settleOption, demoOption, setOption,
+                       openOption});
     parser.process(arguments);
 
     ShellOptions options;
@@ -37,6 +42,7 @@ ShellOptions ShellOptions::parse(const QStringList &arguments)
     options.screenshotFile = parser.value(screenshotOption);
     options.theme = parser.value(themeOption);
     options.propertyAssignments = parser.values(setOption);
+    options.openTarget = parser.value(openOption);
     if (parser.isSet(settleOption))
         options.settleMilliseconds = qMax(0, parser.value(settleOption).toInt());
 

@@ -9,6 +9,7 @@
 #include <SettingsManager.h>
 
 #include <QApplication>
+#include <QDialog>
 #include <QTextStream>
 #include <QTimer>
 #include <QWidget>
@@ -26,10 +27,23 @@ int listPlugins(const QList<LoadedPlugin> &plugins)
     return 0;
 }
 
+// The window a person would be looking at: an open dialog in front of the main window, else the main window.
+QWidget *frontWindow(QWidget *mainWindow)
+{
+    if (QWidget *modal = QApplication::activeModalWidget())
+        return modal;
+    const QList<QWidget *> windows = QApplication::topLevelWidgets();
+    for (auto it = windows.crbegin(); it != windows.crend(); ++it) {
+        if (*it != mainWindow && (*it)->isVisible() && qobject_cast<QDialog *>(*it))
+            return *it;
+    }
+    return mainWindow;
+}
+
 void scheduleScreenshot(MainWindow *window, const QString &file, int settleMilliseconds)
 {
     QTimer::singleShot(settleMilliseconds, window, [window, file] {
-        const bool saved = window->grab().save(file, "PNG");
+        const bool saved = frontWindow(window)->grab().save(file, "PNG");
         if (!saved)
             QTextStream(stderr) << "quorix-shell: cannot write " << file << '\n';
         QCoreApplication::exit(saved ? 0 : 1);
@@ -49,6 +63,22 @@ void applyPropertyAssignments(QWidget *window, const QStringList &assignments)
             QTextStream(stderr) << "quorix-shell: cannot apply " << assignment << '\n';
         }
     }
+}
+
+// Pages that can open dialogs for scripted screenshots offer the invokable openTarget(QString) -> bool.
+bool openTarget(const QList<LoadedPlugin> &plugins, const QString &target)
+{
+    for (const LoadedPlugin &loaded : plugins) {
+        QWidget *page = loaded.uiPlugin ? loaded.uiPlugin->page() : nullptr;
+        bool opened = false;
+        if (page && page->metaObject()->indexOfMethod("openTarget(QString)") >= 0
+            && QMetaObject::invokeMethod(page, "openTarget", Qt::DirectConnection, Q_RETURN_ARG(bool, opened),
+                                         Q_ARG(QString, target))
+            && opened) {
+            return true;
+        }
+    }
+    return false;
 }
 
 } // namespace
@@ -85,7 +115,13 @@ int main(int argc, char *argv[])
 
     MainWindow window(&host, settings, plugins);
     window.show();
-    QTimer::singleShot(0, &window, [&window, &options] { applyPropertyAssignments(&window, options.propertyAssignments); });
+    QTimer::singleShot(0, &window, [&window, &options, &plugins] {
+        applyPropertyAssignments(&window, options.propertyAssignments);
+        if (!options.openTarget.isEmpty() && !openTarget(plugins, options.openTarget)) {
+            QTextStream(stderr) << "quorix-shell: no page can open " << options.openTarget << '\n';
+            QCoreApplication::exit(1);
+        }
+    });
     if (!options.screenshotFile.isEmpty())
         scheduleScreenshot(&window, options.screenshotFile, options.settleMilliseconds);
     const int status = app.exec();

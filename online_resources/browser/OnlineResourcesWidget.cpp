@@ -3,6 +3,7 @@
 #include "OnnxCard.h"
 #include "QenvCard.h"
 #include "ResourceCard.h"
+#include "ScreenTargetOpener.h"
 #include "ScriptCard.h"
 #include "api/OnlineResourcesAPI.h"
 #include "plugin/Configuration.h"
@@ -59,6 +60,13 @@ OnlineResourcesWidget::OnlineResourcesWidget(OnlineResourcesPlugin *, QWidget *p
 OnlineResourcesAPI *OnlineResourcesWidget::api() const
 {
     return apiClient;
+}
+
+bool OnlineResourcesWidget::openTarget(const QString &target)
+{
+    if (!targetOpener)
+        targetOpener = new ScreenTargetOpener(this);
+    return targetOpener->open(target);
 }
 
 void OnlineResourcesWidget::buildLayout()

@@ -24,6 +24,7 @@ class OnlineResourcesPlugin;
 class OnnxCard;
 class PluginHost;
 class QenvCard;
+class ScreenTargetOpener;
 class ScriptCard;
 class SettingsManager;
 class ThemedToolButton;
@@ -51,6 +52,8 @@ public:
     void startPublishing(const QString &filePath);
     // Whether the signed-in user may moderate: their Discord ID is one of the configured administrators.
     bool isAdministrator() const;
+    // Opens a dialog in a given state for the development host's --open ("script-details:NAME", ...).
+    Q_INVOKABLE bool openTarget(const QString &target);
 
 Q_SIGNALS:
     void scriptDownloaded(const QString &filePath);
@@ -160,6 +163,7 @@ private:
     QLabel *loadingIndicator = nullptr;
     QTimer *loadingTimer = nullptr;
     QTimer *safetyTimer = nullptr;
+    ScreenTargetOpener *targetOpener = nullptr;
 };
 
 } // namespace Quorix

@@ -1,0 +1,71 @@
+#include "ScreenTargetOpener.h"
+
+#include "api/OnlineResourcesAPI.h"
+#include "OnlineResourcesWidget.h"
+
+#include <QJsonArray>
+#include <QTextStream>
+
+namespace Quorix {
+
+ScreenTargetOpener::ScreenTargetOpener(OnlineResourcesWidget *page)
+    : QObject(page)
+    , page(page)
+{
+}
+
+bool ScreenTargetOpener::open(const QString &target)
+{
+    const qsizetype colon = target.indexOf(QLatin1Char(':'));
+    const QString kind = colon < 0 ? target : target.left(colon);
+    const QString argument = colon < 0 ? QString() : target.mid(colon + 1);
+    Q_UNUSED(kind)
+    Q_UNUSED(argument)
+    return false;
+}
+
+void ScreenTargetOpener::findResource(Kind kind, const QString &name, const RecordHandler &found)
+{
+    // A lookup of its own keeps the page's list, paging and grid exactly as the user left them.
+    auto *lookup = new OnlineResourcesAPI(this);
+    const OnlineResourcesAPI *source = page->api();
+    lookup->authToken = source->authToken;
+    lookup->discordUsername = source->discordUsername;
+    lookup->discordGlobalName = source->discordGlobalName;
+    lookup->discordAvatar = source->discordAvatar;
+
+    const QString itemsKey = kind == Kind::Scripts        ? QStringLiteral("scripts")
+                             : kind == Kind::Environments ? QStringLiteral("environments")
+                                                          : QStringLiteral("weights");
+    auto onPage = [lookup, name, itemsKey, found](const QJsonObject &response) {
+        lookup->deleteLater();
+        const QJsonArray items = response.value(itemsKey).toArray();
+        for (const QJsonValue &item : items) {
+            if (item.toObject().value(QStringLiteral("name")).toString() == name) {
+                found(item.toObject());
+                return;
+            }
+        }
+        QTextStream(stderr) << "no " << itemsKey << " resource named " << name << '\n';
+    };
+    connect(lookup, &OnlineResourcesAPI::scriptsLoaded, this, onPage);
+    connect(lookup, &OnlineResourcesAPI::environmentsLoaded, this, onPage);
+    connect(lookup, &OnlineResourcesAPI::weightsLoaded, this, onPage);
+    connect(lookup, &OnlineResourcesAPI::errorOccurred, this, [lookup](const QString &error) {
+        lookup->deleteLater();
+        QTextStream(stderr) << "resource lookup failed: " << error << '\n';
+    });
+
+    const QJsonObject query{{QStringLiteral("page"), 1},
+                            {QStringLiteral("limit"), 24},
+                            {QStringLiteral("sort"), QStringLiteral("popular")},
+                            {QStringLiteral("search"), name}};
+    if (kind == Kind::Scripts)
+        lookup->fetchScripts(query);
+    else if (kind == Kind::Environments)
+        lookup->loadEnvironments(query);
+    else
+        lookup->fetchWeights(query);
+}
+
+} // namespace Quorix
