@@ -14,6 +14,8 @@ struct ApiResponse
     QByteArray body;
     QString filePath;
     QString attachmentName;
+    // The Repr-Digest value of a file answer (RFC 9530), sent when not empty.
+    QByteArray reprDigest;
 
     static ApiResponse json(const QJsonObject &object, int status = 200);
     // {"success": true, "data": data}

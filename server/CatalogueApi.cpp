@@ -363,7 +363,9 @@ ApiResponse CatalogueApi::download(Context &context, const QString &kind, const 
     // Encrypted weights only run inside Quorix, which recognises them by this extension.
     if (resource.kind == QLatin1String("onnx") && resource.encrypted)
         name = QFileInfo(name).completeBaseName() + QStringLiteral(".ennx");
-    return ApiResponse::file(path, "application/octet-stream", name);
+    ApiResponse response = ApiResponse::file(path, "application/octet-stream", name);
+    response.reprDigest = digests.reprDigest(path);
+    return response;
 }
 
 ApiResponse CatalogueApi::upload(Context &context, const QString &kind)

@@ -3,6 +3,7 @@
 #include "ApiRequest.h"
 #include "ApiResponse.h"
 #include "CatalogueDatabase.h"
+#include "FileDigests.h"
 
 #include <QJsonObject>
 #include <QSet>
@@ -81,6 +82,7 @@ private:
 
     CatalogueDatabase *database;
     Settings settings;
+    FileDigests digests;
 };
 
 } // namespace Quorix

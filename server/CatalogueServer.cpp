@@ -141,11 +141,19 @@ void CatalogueServer::onRequest(const QHttpServerRequest &request, QHttpServerRe
                         QHttpServerResponder::StatusCode::NotFound);
         return;
     }
+    // The responder takes its headers as a fixed list, so every combination of the optional two is spelt out.
+    const QByteArray type = response.contentType;
     const QByteArray disposition = response.contentDisposition();
-    if (disposition.isEmpty())
-        responder.write(file, {{"Content-Type", response.contentType}}, status);
+    const QByteArray digest = response.reprDigest;
+    if (disposition.isEmpty() && digest.isEmpty())
+        responder.write(file, {{"Content-Type", type}}, status);
+    else if (digest.isEmpty())
+        responder.write(file, {{"Content-Type", type}, {"Content-Disposition", disposition}}, status);
+    else if (disposition.isEmpty())
+        responder.write(file, {{"Content-Type", type}, {"Repr-Digest", digest}}, status);
     else
-        responder.write(file, {{"Content-Type", response.contentType}, {"Content-Disposition", disposition}}, status);
+        responder.write(file, {{"Content-Type", type}, {"Content-Disposition", disposition}, {"Repr-Digest", digest}},
+                        status);
 }
 
 } // namespace Quorix

@@ -8,6 +8,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QRandomGenerator>
+#include <QRegularExpression>
 #include <QUuid>
 
 namespace Quorix {
@@ -105,6 +106,19 @@ const DemoEnvironment environments[] = {
          "Text recognition for HUD readers and scoreboard parsers."},
         {"Minimal NumPy", "3.12", "numpy==1.26.4", "", "The smallest environment: NumPy only, for quick experiments."},
 };
+
+// The package's "name" becomes a folder on the user's machine, so it is the catalogue name reduced to letters, digits
+// and dashes: "CV Base (CPU)" installs as "cv-base-cpu".
+QString environmentFolderName(const QString &catalogueName)
+{
+    static const QRegularExpression separators(QStringLiteral("[^a-z0-9]+"));
+    QString folder = catalogueName.toLower().replace(separators, QStringLiteral("-"));
+    while (folder.startsWith(QLatin1Char('-')))
+        folder.remove(0, 1);
+    while (folder.endsWith(QLatin1Char('-')))
+        folder.chop(1);
+    return folder;
+}
 
 struct DemoWeights
 {
@@ -224,7 +238,7 @@ bool DemoCatalogue::seedIfEmpty(QString *error)
         const QStringList indexes
                 = QString::fromLatin1(environment.indexes).split(QLatin1Char(','), Qt::SkipEmptyParts);
         const QByteArray content
-                = QJsonDocument(QJsonObject{{QStringLiteral("name"), name},
+                = QJsonDocument(QJsonObject{{QStringLiteral("name"), environmentFolderName(name)},
                                             {QStringLiteral("python"), QString::fromLatin1(environment.python)},
                                             {QStringLiteral("packages"), QJsonArray::fromStringList(packages)},
                                             {QStringLiteral("extra_index_urls"), QJsonArray::fromStringList(indexes)}})

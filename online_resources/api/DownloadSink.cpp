@@ -1,8 +1,12 @@
 #include "DownloadSink.h"
 
+#include <QFutureWatcher>
 #include <QNetworkReply>
 #include <QNetworkRequest>
 #include <QSaveFile>
+#include <QtConcurrent/QtConcurrentRun>
+
+#include <optional>
 
 namespace Quorix {
 
@@ -10,6 +14,26 @@ namespace {
 
 // A refusal is a short JSON message; anything beyond this is not one, and must not grow without bound.
 constexpr qsizetype maximumRefusalSize = 8 * 1024 * 1024;
+constexpr qsizetype sha256Size = 32;
+
+// The sha-256 member of a Repr-Digest dictionary such as "sha-512=:...:, sha-256=:...:". A member that is there but
+// cannot be read is returned as it is, so it matches no hash and the file is refused rather than trusted unchecked.
+std::optional<QByteArray> claimedSha256(const QByteArray &header)
+{
+    for (const QByteArray &member : header.split(',')) {
+        const QByteArray item = member.trimmed();
+        const qsizetype equals = item.indexOf('=');
+        if (equals < 0 || item.left(equals).trimmed().toLower() != "sha-256")
+            continue;
+        const QByteArray value = item.mid(equals + 1).split(';').first().trimmed();
+        if (value.size() < 2 || !value.startsWith(':') || !value.endsWith(':'))
+            return value;
+        const auto decoded = QByteArray::fromBase64Encoding(value.mid(1, value.size() - 2),
+                                                            QByteArray::AbortOnBase64DecodingErrors);
+        return decoded && decoded.decoded.size() == sha256Size ? decoded.decoded : value;
+    }
+    return std::nullopt;
+}
 
 } // namespace
 
@@ -23,11 +47,6 @@ DownloadSink::DownloadSink(QNetworkReply *reply, TargetResolver resolver)
 
 DownloadSink::~DownloadSink() = default;
 
-bool DownloadSink::isRefusal() const
-{
-    return mode == Mode::Refusal;
-}
-
 QByteArray DownloadSink::refusalBody() const
 {
     return refusal;
@@ -38,19 +57,37 @@ QString DownloadSink::filePath() const
     return path;
 }
 
-bool DownloadSink::commit()
+DownloadSink::Outcome DownloadSink::finish()
 {
     if (!decide() || !consume())
-        return false;
+        return Outcome::Failed;
+    if (mode == Mode::Refusal)
+        return Outcome::Refusal;
     if (mode != Mode::File)
-        return mode == Mode::Refusal;
-    if (!file->commit()) {
-        file.reset();
-        mode = Mode::Failed;
-        return false;
+        return Outcome::Failed;
+    if (!matchesClaimedDigest()) {
+        fail();
+        return Outcome::Damaged;
     }
-    file.reset();
-    return true;
+    return Outcome::Ready;
+}
+
+bool DownloadSink::matchesClaimedDigest() const
+{
+    return !digestClaimed || hash.result() == claimedDigest;
+}
+
+void DownloadSink::commitInBackground(QObject *context, CommitDone done)
+{
+    std::shared_ptr<QSaveFile> saving(file.release());
+    mode = Mode::Ignored;
+    auto *watcher = new QFutureWatcher<bool>(context);
+    // The file is released on this thread, after the worker has let go of it.
+    connect(watcher, &QFutureWatcher<bool>::finished, context, [watcher, saving, done = std::move(done)] {
+        watcher->deleteLater();
+        done(watcher->result());
+    });
+    watcher->setFuture(QtConcurrent::run([saving] { return saving->commit(); }));
 }
 
 void DownloadSink::discard()
@@ -88,6 +125,10 @@ bool DownloadSink::decide()
         return true;
     }
 
+    if (const std::optional<QByteArray> claimed = claimedSha256(reply->rawHeader("Repr-Digest"))) {
+        digestClaimed = true;
+        claimedDigest = *claimed;
+    }
     path = resolver(reply->rawHeader("Content-Disposition"));
     if (path.isEmpty()) {
         fail();
@@ -111,6 +152,7 @@ bool DownloadSink::consume()
             fail();
             return false;
         }
+        hash.addData(chunk);
         return true;
     }
     case Mode::Refusal: {

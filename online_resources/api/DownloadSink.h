@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QCryptographicHash>
 #include <QObject>
 #include <QString>
 
@@ -15,7 +16,8 @@ namespace Quorix {
 // Streams the body of one download reply to disk while it arrives, so a large file never sits in memory. The file
 // is written beside its final name and only takes that name on commit(); a download that fails, is cancelled or is
 // abandoned leaves any older file of that name as it was. A JSON answer is the server refusing the download: it is
-// kept in memory for the error message and nothing touches the disk.
+// kept in memory for the error message and nothing touches the disk. The bytes are hashed as they pass, so a file
+// whose Repr-Digest (RFC 9530) does not match is thrown away instead of taking its name.
 class DownloadSink : public QObject
 {
     Q_OBJECT
@@ -29,11 +31,17 @@ public:
     DownloadSink(QNetworkReply *reply, TargetResolver resolver);
     ~DownloadSink() override;
 
-    bool isRefusal() const;
+    enum class Outcome { Ready, Refusal, Damaged, Failed };
+    using CommitDone = std::function<void(bool saved)>;
+
+    // Takes in what the reply still holds and tells what the transfer delivered. Damaged and Failed throw the
+    // written bytes away.
+    Outcome finish();
     QByteArray refusalBody() const;
 
-    // Writes what is still buffered and moves the file under its final name; false when it could not be saved.
-    bool commit();
+    // After finish() gave Ready: syncs the file and moves it under its final name on a worker thread, since the sync
+    // of a large file takes long enough to freeze a window; done runs on context's thread afterwards.
+    void commitInBackground(QObject *context, CommitDone done);
     // Throws away whatever was written so far.
     void discard();
     QString filePath() const;
@@ -51,6 +59,7 @@ private:
     bool decide();
     bool consume();
     void fail();
+    bool matchesClaimedDigest() const;
 
     QNetworkReply *reply = nullptr;
     TargetResolver resolver;
@@ -59,6 +68,9 @@ private:
     QByteArray refusal;
     bool refusalOversized = false;
     QString path;
+    QCryptographicHash hash{QCryptographicHash::Sha256};
+    bool digestClaimed = false;
+    QByteArray claimedDigest;
 };
 
 } // namespace Quorix

@@ -66,6 +66,9 @@ QString safeFileName(const QString &serverName, const QString &fallback)
     QString name = serverName;
     name.replace(QLatin1Char('\\'), QLatin1Char('/'));
     name = name.section(QLatin1Char('/'), -1);
+    // "C:name" is relative to another drive's current folder on Windows.
+    static const QRegularExpression drivePrefix(QStringLiteral("^[A-Za-z]:"));
+    name.remove(drivePrefix);
     if (name.isEmpty() || name == QLatin1String(".") || name == QLatin1String(".."))
         return fallback;
     return name;
@@ -143,6 +146,12 @@ QString saveFailureMessage(const QString &downloadTag)
     if (downloadTag.startsWith(QLatin1String("downloadWeights:")))
         return QStringLiteral("Failed to save downloaded weights file");
     return QStringLiteral("Failed to save downloaded file");
+}
+
+bool isDownloadTag(const QString &tag)
+{
+    return tag.startsWith(QLatin1String("download:")) || tag.startsWith(QLatin1String("downloadEnv:"))
+           || tag.startsWith(QLatin1String("downloadWeights:"));
 }
 
 QByteArray indentedJson(const QJsonObject &object)
@@ -278,10 +287,12 @@ void OnlineResourcesAPI::startDownload(const QString &path, const QString &tag,
     connect(reply, &QNetworkReply::downloadProgress, this, &OnlineResourcesAPI::onDownloadProgress);
     auto *sink = new DownloadSink(reply, std::move(targetPath));
     connect(sink, &DownloadSink::saveFailed, this, [this, reply, tag] {
-        // Nothing more can be kept, so the rest of the transfer is not worth waiting for.
+        // Nothing more can be kept, so the rest of the transfer is not worth waiting for. The reply goes before
+        // anyone hears of it, since a listener may open a dialog and run the event loop while this slot is active.
+        const QString failedTag = tag;
         pendingRequests.remove(reply);
-        emit errorOccurred(saveFailureMessage(tag));
         reply->abort();
+        reportDownloadFailure(failedTag, saveFailureMessage(failedTag));
     });
 }
 
@@ -478,14 +489,16 @@ void OnlineResourcesAPI::fetchWeightsDetails(const QString &uuid)
 
 void OnlineResourcesAPI::downloadWeights(const QString &uuid)
 {
-    startDownload(QStringLiteral("onnx/download/") + uuid, QStringLiteral("downloadWeights:") + uuid,
-                  [uuid](const QByteArray &disposition) {
-                      // The UUID names the file; one that is not a plain name has no safe place to go.
-                      if (!isPlainName(uuid))
-                          return QString();
-                      return weightsDirectory() + QLatin1Char('/') + uuid + QLatin1Char('.')
-                             + weightsExtension(disposition);
-                  });
+    const QString tag = QStringLiteral("downloadWeights:") + uuid;
+    // The UUID names the file; one that is not a plain name has no safe place to go, so nothing is asked for.
+    if (!isPlainName(uuid)) {
+        QMetaObject::invokeMethod(
+                this, [this, tag] { reportDownloadFailure(tag, saveFailureMessage(tag)); }, Qt::QueuedConnection);
+        return;
+    }
+    startDownload(QStringLiteral("onnx/download/") + uuid, tag, [uuid](const QByteArray &disposition) {
+        return weightsDirectory() + QLatin1Char('/') + uuid + QLatin1Char('.') + weightsExtension(disposition);
+    });
 }
 
 void OnlineResourcesAPI::uploadWeights(const QJsonObject &form)
@@ -592,6 +605,8 @@ void OnlineResourcesAPI::dispatchFailure(QNetworkReply *reply, const QString &ta
         emit errorOccurred(QStringLiteral("details_error: %1").arg(message));
     } else if (tag == QLatin1String("envDetails")) {
         emit errorOccurred(QStringLiteral("envDetails_error: %1").arg(message));
+    } else if (isDownloadTag(tag)) {
+        reportDownloadFailure(tag, message);
     } else {
         emit errorOccurred(message);
     }
@@ -690,25 +705,41 @@ void OnlineResourcesAPI::handleDownload(QNetworkReply *reply, const QString &tag
     if (!sink)
         return;
 
-    const bool saved = sink->commit();
-    if (sink->isRefusal()) {
+    switch (sink->finish()) {
+    case DownloadSink::Outcome::Refusal: {
         const std::optional<QJsonObject> refusal = parseObject(sink->refusalBody());
         QString error = refusal ? refusal->value(QLatin1String("error")).toString() : QString();
         if (error.isEmpty())
             error = QStringLiteral("Download failed - server returned unexpected response");
-        emit errorOccurred(QStringLiteral("Download failed: ") + error);
+        reportDownloadFailure(tag, QStringLiteral("Download failed: ") + error);
         return;
     }
-    if (!saved) {
-        emit errorOccurred(saveFailureMessage(tag));
+    case DownloadSink::Outcome::Damaged:
+        reportDownloadFailure(tag, tr("Download failed: the file was damaged in transit"));
         return;
+    case DownloadSink::Outcome::Failed:
+        reportDownloadFailure(tag, saveFailureMessage(tag));
+        return;
+    case DownloadSink::Outcome::Ready:
+        break;
     }
-    if (tag.startsWith(QLatin1String("download:")))
-        emit scriptDownloaded(sink->filePath());
-    else if (tag.startsWith(QLatin1String("downloadEnv:")))
-        emit environmentDownloaded(sink->filePath());
-    else
-        emit weightsDownloaded(tag.mid(16), sink->filePath());
+    const QString path = sink->filePath();
+    sink->commitInBackground(this, [this, tag, path](bool saved) {
+        if (!saved)
+            reportDownloadFailure(tag, saveFailureMessage(tag));
+        else if (tag.startsWith(QLatin1String("download:")))
+            emit scriptDownloaded(path);
+        else if (tag.startsWith(QLatin1String("downloadEnv:")))
+            emit environmentDownloaded(path);
+        else
+            emit weightsDownloaded(tag.mid(16), path);
+    });
+}
+
+void OnlineResourcesAPI::reportDownloadFailure(const QString &tag, const QString &message)
+{
+    emit errorOccurred(message);
+    emit downloadFailed(tag, message);
 }
 
 void OnlineResourcesAPI::handleUpload(const QByteArray &body, const QString &failurePrefix,

@@ -103,6 +103,9 @@ signals:
     void weightsUploaded(QString weightsId);
     void weightsDeleted(QString weightsId);
     void weightsLikeToggled(QString weightsId, bool liked, int likeCount);
+    // A file download ended without a file, told with its operation tag ("download:", "downloadEnv:" or
+    // "downloadWeights:" and its value) so the flow that started it can end; errorOccurred carries the same message.
+    void downloadFailed(QString tag, QString error);
 
 private slots:
     void onNetworkReply();
@@ -140,6 +143,7 @@ private:
     void handleList(const QByteArray &body, void (OnlineResourcesAPI::*signal)(QJsonObject));
     void handleDetails(const QByteArray &body, const QString &prefix, void (OnlineResourcesAPI::*signal)(QJsonObject));
     void handleDownload(QNetworkReply *reply, const QString &tag);
+    void reportDownloadFailure(const QString &tag, const QString &message);
     void handleUpload(const QByteArray &body, const QString &failurePrefix,
                       void (OnlineResourcesAPI::*signal)(QString));
     void handleDelete(const QByteArray &body, void (OnlineResourcesAPI::*signal)(QString));

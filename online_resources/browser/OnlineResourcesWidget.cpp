@@ -1,10 +1,13 @@
 #include "OnlineResourcesWidget.h"
 
+#include "EnvironmentInstallFlow.h"
 #include "OnnxCard.h"
 #include "QenvCard.h"
 #include "ResourceCard.h"
 #include "ScreenTargetOpener.h"
 #include "ScriptCard.h"
+#include "ScriptDownloadFlow.h"
+#include "WeightsDownloadFlow.h"
 #include "api/OnlineResourcesAPI.h"
 #include "plugin/Configuration.h"
 
@@ -23,7 +26,6 @@
 #include <QScrollArea>
 #include <QScrollBar>
 #include <QStackedWidget>
-#include <QStandardPaths>
 #include <QTimer>
 #include <QVBoxLayout>
 
@@ -46,12 +48,26 @@ const QString cannotConnect()
     return OnlineResourcesWidget::tr("Cannot connect to server");
 }
 
+QJsonObject itemWithId(const QJsonArray &items, const QString &id)
+{
+    for (const QJsonValue &item : items) {
+        if (item.toObject().value(QLatin1String("id")).toString() == id)
+            return item.toObject();
+    }
+    return {};
+}
+
 } // namespace
 
 OnlineResourcesWidget::OnlineResourcesWidget(OnlineResourcesPlugin *, QWidget *parent)
     : QWidget(parent)
     , apiClient(new OnlineResourcesAPI(this))
+    , scriptDownloads(new ScriptDownloadFlow(
+              this, apiClient, [this] { return pluginHost.data(); }, [this] { return settings; }))
+    , weightsDownloads(new WeightsDownloadFlow(this, apiClient))
+    , environmentInstalls(new EnvironmentInstallFlow(this, apiClient))
 {
+    connect(scriptDownloads, &ScriptDownloadFlow::scriptSaved, this, &OnlineResourcesWidget::scriptDownloaded);
     buildLayout();
     connectApi();
     refreshUserControls();
@@ -317,7 +333,7 @@ void OnlineResourcesWidget::onCardClicked(const QString &scriptId)
 void OnlineResourcesWidget::onCardDownloadClicked(const QString &scriptId)
 {
     if (apiClient)
-        apiClient->downloadScript(scriptId, temporaryDownloadDirectory());
+        scriptDownloads->start(scriptId);
 }
 
 // A first page replaces the grid, any later page extends it, always in server order.
@@ -481,9 +497,15 @@ void OnlineResourcesWidget::updateCardLayout()
     stretchAfter(ordered.isEmpty() ? -1 : (position - 1) / columns, columns);
 }
 
-void OnlineResourcesWidget::onScriptDownloaded(const QString &) { }
+void OnlineResourcesWidget::onScriptDownloaded(const QString &tempFilePath)
+{
+    scriptDownloads->place(tempFilePath);
+}
 
-void OnlineResourcesWidget::onDownloadProgress(qint64, qint64) { }
+void OnlineResourcesWidget::onDownloadProgress(qint64 bytesReceived, qint64 bytesTotal)
+{
+    scriptDownloads->showProgress(bytesReceived, bytesTotal);
+}
 
 void OnlineResourcesWidget::showAuthorizationManagement(const QString &) { }
 
@@ -494,10 +516,13 @@ void OnlineResourcesWidget::onQenvCardClicked(const QString &envId)
 
 void OnlineResourcesWidget::onQenvInstallClicked(const QString &envId)
 {
-    apiClient->downloadEnvironment(envId, temporaryDownloadDirectory());
+    environmentInstalls->start(envId);
 }
 
-void OnlineResourcesWidget::onEnvironmentDownloaded(const QString &) { }
+void OnlineResourcesWidget::onEnvironmentDownloaded(const QString &filePath)
+{
+    environmentInstalls->install(filePath);
+}
 
 void OnlineResourcesWidget::onEnvironmentsLoaded(const QJsonObject &response)
 {
@@ -552,7 +577,7 @@ void OnlineResourcesWidget::onOnnxCardClicked(const QString &weightsId)
 
 void OnlineResourcesWidget::onOnnxDownloadClicked(const QString &weightsId)
 {
-    apiClient->downloadWeights(weightsId);
+    weightsDownloads->start(weightsId, itemWithId(allItems, weightsId));
 }
 
 void OnlineResourcesWidget::onWeightsLoaded(const QJsonObject &response)
@@ -582,7 +607,10 @@ void OnlineResourcesWidget::onWeightsLoaded(const QJsonObject &response)
 
 void OnlineResourcesWidget::onWeightsDetailsLoaded(const QJsonObject &) { }
 
-void OnlineResourcesWidget::onWeightsDownloaded(const QString &, const QString &) { }
+void OnlineResourcesWidget::onWeightsDownloaded(const QString &filePath, const QString &uuid)
+{
+    weightsDownloads->save(filePath, uuid);
+}
 
 void OnlineResourcesWidget::onWeightsDeleted(const QString &)
 {
@@ -845,11 +873,6 @@ int OnlineResourcesWidget::calculateColumns() const
 int OnlineResourcesWidget::cardCount() const
 {
     return int(scriptCards.size() + qenvCards.size() + onnxCards.size());
-}
-
-QString OnlineResourcesWidget::temporaryDownloadDirectory() const
-{
-    return QStandardPaths::writableLocation(QStandardPaths::TempLocation);
 }
 
 void OnlineResourcesWidget::showAuthenticationRequired()

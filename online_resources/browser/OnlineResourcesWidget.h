@@ -19,6 +19,7 @@ class QTimer;
 
 namespace Quorix {
 
+class EnvironmentInstallFlow;
 class OnlineResourcesAPI;
 class OnlineResourcesPlugin;
 class OnnxCard;
@@ -26,8 +27,10 @@ class PluginHost;
 class QenvCard;
 class ScreenTargetOpener;
 class ScriptCard;
+class ScriptDownloadFlow;
 class SettingsManager;
 class ThemedToolButton;
+class WeightsDownloadFlow;
 
 // The plugin's page: a searchable, filterable, infinitely scrolling grid of catalogue cards for one resource kind
 // at a time. Owns the one API client for its whole life and routes card actions to it.
@@ -126,10 +129,12 @@ private:
     int calculateColumns() const;
     int cardCount() const;
     void stretchAfter(int lastRow, int columns);
-    QString temporaryDownloadDirectory() const;
     void showAuthenticationRequired();
 
     OnlineResourcesAPI *apiClient = nullptr;
+    ScriptDownloadFlow *scriptDownloads = nullptr;
+    WeightsDownloadFlow *weightsDownloads = nullptr;
+    EnvironmentInstallFlow *environmentInstalls = nullptr;
     QPointer<PluginHost> pluginHost;
     SettingsManager *settings = nullptr;
 

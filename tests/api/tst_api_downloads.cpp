@@ -2,6 +2,7 @@
 #include "TemporaryHome.h"
 #include "api/OnlineResourcesAPI.h"
 
+#include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
 #include <QJsonObject>
@@ -75,6 +76,8 @@ private slots:
     void unwritableDirectoryReportsSaveFailure_data();
     void unwritableDirectoryReportsSaveFailure();
     void stalledDownloadTimesOutWithoutAFile();
+    void claimedDigestDecidesWhetherTheFileIsKept_data();
+    void claimedDigestDecidesWhetherTheFileIsKept();
 
 private:
     std::unique_ptr<TemporaryHome> home;
@@ -174,6 +177,9 @@ void TestApiDownloads::hostileNamesStayInTheDirectory_data()
     QTest::newRow("absolute path") << QByteArray("attachment; filename=/etc/x") << "x";
     QTest::newRow("parent only") << QByteArray("attachment; filename=\"..\"") << "script.gpc3";
     QTest::newRow("directory only") << QByteArray("attachment; filename=\"sub/\"") << "script.gpc3";
+    QTest::newRow("drive letter") << QByteArray("attachment; filename=\"C:x.gpc3\"") << "x.gpc3";
+    QTest::newRow("drive and root") << QByteArray("attachment; filename=\"C:\\\\x.gpc3\"") << "x.gpc3";
+    QTest::newRow("empty") << QByteArray("attachment; filename=\"\"") << "script.gpc3";
 }
 
 void TestApiDownloads::hostileNamesStayInTheDirectory()
@@ -319,6 +325,48 @@ void TestApiDownloads::stalledDownloadTimesOutWithoutAFile()
     QCOMPARE(downloaded.size(), 0);
     QCOMPARE(entries(directory), QStringList{"slow.gpc3"});
     QCOMPARE(readFile(directory + "/slow.gpc3"), QByteArray("older"));
+}
+
+void TestApiDownloads::claimedDigestDecidesWhetherTheFileIsKept_data()
+{
+    QTest::addColumn<QByteArray>("reprDigest");
+    QTest::addColumn<bool>("kept");
+
+    const QByteArray body = patternedBytes(3 * 1024 * 1024 + 5);
+    const QByteArray right = QCryptographicHash::hash(body, QCryptographicHash::Sha256).toBase64();
+    const QByteArray wrong = QCryptographicHash::hash("other", QCryptographicHash::Sha256).toBase64();
+    QTest::newRow("matching") << "sha-256=:" + right + ':' << true;
+    QTest::newRow("matching among other algorithms") << "sha-512=:AAAA:, sha-256=:" + right + ':' << true;
+    QTest::newRow("no header") << QByteArray() << true;
+    QTest::newRow("only algorithms we do not check") << QByteArray("sha-512=:AAAA:") << true;
+    QTest::newRow("mismatching") << "sha-256=:" + wrong + ':' << false;
+    QTest::newRow("truncated value") << "sha-256=:" + right.left(20) + ':' << false;
+    QTest::newRow("not base64") << QByteArray("sha-256=:!!!!:") << false;
+}
+
+void TestApiDownloads::claimedDigestDecidesWhetherTheFileIsKept()
+{
+    QFETCH(QByteArray, reprDigest);
+    QFETCH(bool, kept);
+
+    const QByteArray body = patternedBytes(3 * 1024 * 1024 + 5);
+    QVERIFY(writeFile(directory + "/model.gpc3", "older"));
+    ScriptedResponse response = file(body, "attachment; filename=\"model.gpc3\"");
+    if (!reprDigest.isEmpty())
+        response = response.withHeader("Repr-Digest", reprDigest);
+    server.setDefaultResponse(response);
+    QSignalSpy downloaded(api.get(), &OnlineResourcesAPI::scriptDownloaded);
+    QSignalSpy failed(api.get(), &OnlineResourcesAPI::downloadFailed);
+    api->downloadScript("s-1", directory);
+    QTRY_COMPARE_WITH_TIMEOUT(downloaded.size() + failed.size(), 1, 15000);
+
+    QCOMPARE(entries(directory), QStringList{"model.gpc3"});
+    QCOMPARE(readFile(directory + "/model.gpc3") == body, kept);
+    if (!kept) {
+        QCOMPARE(readFile(directory + "/model.gpc3"), QByteArray("older"));
+        QCOMPARE(failed.first(),
+                 QVariantList({"download:" + directory, QString("Download failed: the file was damaged in transit")}));
+    }
 }
 
 QTEST_GUILESS_MAIN(TestApiDownloads)

@@ -44,7 +44,8 @@ PyenvTestBed::PyenvTestBed()
     qunsetenv("UV_INDEX_URL");
     qunsetenv("UV_EXTRA_INDEX_URL");
     qunsetenv("UV_FIND_LINKS");
-    for (const QString &folder : {QStringLiteral("main"), QStringLiteral("extra"), QStringLiteral("extra-two")}) {
+    for (const QString &folder :
+         {QStringLiteral("main"), QStringLiteral("extra"), QStringLiteral("extra-two"), QStringLiteral("demo")}) {
         const QString url = startIndex(indexes + QLatin1Char('/') + folder);
         if (url.isEmpty())
             return;
@@ -64,7 +65,7 @@ PyenvTestBed::~PyenvTestBed()
 
 bool PyenvTestBed::isReady() const
 {
-    return failure.isEmpty() && indexUrls.size() == 3;
+    return failure.isEmpty() && indexUrls.size() == 4;
 }
 
 QString PyenvTestBed::problem() const
@@ -85,6 +86,11 @@ QString PyenvTestBed::extraIndexUrl() const
 QString PyenvTestBed::secondExtraIndexUrl() const
 {
     return indexUrls.value(2);
+}
+
+QString PyenvTestBed::demoIndexUrl() const
+{
+    return indexUrls.value(3);
 }
 
 QString PyenvTestBed::scratchPath(const QString &relative) const
@@ -172,27 +178,35 @@ QString PyenvTestBed::provisionPython(const QString &root)
 QString PyenvTestBed::provisionIndexes(const QString &root)
 {
     const QString indexes = root + QStringLiteral("/indexes");
-    if (QFileInfo(indexes + QStringLiteral("/extra-two/simple")).isDir())
-        return indexes;
-    const QString staging = root + QStringLiteral("/indexes.staging-%1").arg(QCoreApplication::applicationPid());
     const QString maker = QStringLiteral(PYENV_TEST_SOURCE_DIR "/make_wheels.py");
+    // The "demo" index holds stand-ins, by name and version, for what the reference server's demo environment
+    // packages ask for.
     const QList<QStringList> sets = {
-            {staging + QStringLiteral("/main"), QStringLiteral("quorix-cv2=1.0:cv2"),
+            {QStringLiteral("main"), QStringLiteral("quorix-cv2=1.0:cv2"),
              QStringLiteral("quorix-flaky-cv2=1.0:cv2:flaky"), QStringLiteral("quorix-alpha=1.0"),
              QStringLiteral("quorix-alpha=1.1"), QStringLiteral("quorix-beta=1.0"), QStringLiteral("quorix-gamma=1.0"),
              QStringLiteral("quorix-delta=1.0")},
-            {staging + QStringLiteral("/extra"), QStringLiteral("quorix-extra=1.0")},
-            {staging + QStringLiteral("/extra-two"), QStringLiteral("quorix-extra-two=1.0")},
+            {QStringLiteral("extra"), QStringLiteral("quorix-extra=1.0")},
+            {QStringLiteral("extra-two"), QStringLiteral("quorix-extra-two=1.0")},
+            {QStringLiteral("demo"), QStringLiteral("numpy=1.26.4"), QStringLiteral("opencv-python=4.9.0.80:cv2"),
+             QStringLiteral("pillow=10.2.0:PIL")},
     };
+    QDir().mkpath(indexes);
     for (const QStringList &set : sets) {
-        const Outcome made = run(QStringLiteral("python3"), QStringList{maker} + set);
+        const QString folder = indexes + QLatin1Char('/') + set.first();
+        if (QFileInfo(folder + QStringLiteral("/simple")).isDir())
+            continue;
+        const QString staging = folder + QStringLiteral(".staging-%1").arg(QCoreApplication::applicationPid());
+        const Outcome made = run(QStringLiteral("python3"), QStringList{maker, staging} + set.mid(1));
         if (made.exitCode != 0) {
             failure = QStringLiteral("building wheels failed: ") + made.output;
             QDir(staging).removeRecursively();
             return {};
         }
+        if (!publish(staging, folder))
+            return {};
     }
-    return publish(staging, indexes) ? indexes : QString();
+    return indexes;
 }
 
 QString PyenvTestBed::startIndex(const QString &folder)

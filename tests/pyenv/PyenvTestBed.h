@@ -28,6 +28,8 @@ public:
     QString indexUrl() const;
     QString extraIndexUrl() const;
     QString secondExtraIndexUrl() const;
+    // Stand-ins for the packages of the reference server's demo environments (numpy, opencv-python, pillow).
+    QString demoIndexUrl() const;
     QString scratchPath(const QString &relative) const;
     // The uv found on PATH, the pinned one the test set-up installed.
     static QString uvProgram();

@@ -1,9 +1,11 @@
 #include <CatalogueServerFixture.h>
 
+#include <QCryptographicHash>
 #include <QDir>
 #include <QImage>
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <QRegularExpression>
 #include <QSqlDatabase>
 #include <QSqlQuery>
 #include <QtTest>
@@ -179,6 +181,8 @@ private Q_SLOTS:
         QCOMPARE(download.status, 200);
         QCOMPARE(download.body, QByteArray("content of bravo.gbc3"));
         QCOMPARE(download.header("content-disposition"), QByteArray("attachment; filename=\"bravo.gbc3\""));
+        QCOMPARE(download.header("repr-digest"),
+                 "sha-256=:" + QCryptographicHash::hash(download.body, QCryptographicHash::Sha256).toBase64() + ':');
         QVERIFY(!download.header("content-type").contains("application/json"));
         const QJsonObject after
                 = server.get(QStringLiteral("details/") + target).json.value(QStringLiteral("data")).toObject();
@@ -291,6 +295,8 @@ private Q_SLOTS:
         const auto download = server.get(QStringLiteral("onnx/download/") + id);
         QCOMPARE(download.header("content-disposition"), QByteArray("attachment; filename=\"detector.ennx\""));
         QCOMPARE(download.body, model);
+        QCOMPARE(download.header("repr-digest"),
+                 "sha-256=:" + QCryptographicHash::hash(model, QCryptographicHash::Sha256).toBase64() + ':');
         QCOMPARE(server.get(QStringLiteral("onnx/list")).json.value(QStringLiteral("weights")).toArray().size(), 1);
     }
 
@@ -360,6 +366,10 @@ private Q_SLOTS:
         const QJsonObject qenv
                 = QJsonDocument::fromJson(seeded.get(QStringLiteral("qenv/download/") + envId).body).object();
         QVERIFY(qenv.contains(QStringLiteral("python")));
+        // The name becomes a folder on the user's machine.
+        QVERIFY(QRegularExpression(QStringLiteral("^[a-z0-9-]+$"))
+                        .match(qenv.value(QStringLiteral("name")).toString())
+                        .hasMatch());
         QVERIFY(!qenv.value(QStringLiteral("packages")).toArray().isEmpty());
         QVERIFY(seeded.get(QStringLiteral("onnx/list")).json.value(QStringLiteral("weights")).toArray().size() >= 3);
         const QString thumbnail = environments.first().toObject().value(QStringLiteral("thumbnail")).toString();
