@@ -1,20 +1,34 @@
 // Downloads one large file from a local server through OnlineResourcesAPI and through curl, and prints the
 // throughput and peak memory growth of each. The server runs on its own thread and hands the file to the kernel
 // with sendfile(), so it is never what limits either client.
+//
+// Then the whole weights flow: 200 MB published on the reference catalogue server (its own process) and downloaded
+// by the page's weights flow into the local weights library, digest check and durable commit included, against
+// curl -o + sha256sum + sync in the same run. It also prints how late a 1 ms timer on the GUI thread ever ran during
+// the download and the commit, which is the longest time the window could not repaint.
 
+#include "ModalAnswerer.h"
 #include "api/OnlineResourcesAPI.h"
+#include "browser/WeightsDownloadFlow.h"
+#include "browser/WeightsLibrary.h"
 
-#include <QCoreApplication>
+#include <QApplication>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QEventLoop>
 #include <QFile>
 #include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QProcess>
 #include <QStandardPaths>
+#include <QTcpServer>
+#include <QTcpSocket>
 #include <QTemporaryDir>
+#include <QThread>
 #include <QTimer>
 
 #include <arpa/inet.h>
@@ -25,6 +39,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <string>
@@ -230,10 +245,281 @@ Measurement downloadThroughCurl(const QString &url, const QString &target)
     return measurement;
 }
 
+QByteArray runCurl(const QStringList &arguments)
+{
+    QProcess curl;
+    curl.start(QStringLiteral("curl"), arguments);
+    curl.waitForFinished(-1);
+    return curl.readAllStandardOutput();
+}
+
+quint16 freePort()
+{
+    QTcpServer probe;
+    probe.listen(QHostAddress::LocalHost);
+    return probe.serverPort();
+}
+
+// The reference catalogue server as a child process, so that serving never runs on the thread being measured.
+class ReferenceServer
+{
+public:
+    bool start(const QString &dataDirectory)
+    {
+        const QString program = QCoreApplication::applicationDirPath() + QStringLiteral("/catalogue-server");
+        const quint16 port = freePort();
+        process.start(program, {QStringLiteral("--data-dir"), dataDirectory, QStringLiteral("--port"),
+                                QString::number(port), QStringLiteral("--dev-login")});
+        if (!process.waitForStarted())
+            return false;
+        origin = QStringLiteral("http://127.0.0.1:%1").arg(port);
+        for (int attempt = 0; attempt < 100; ++attempt) {
+            QTcpSocket socket;
+            socket.connectToHost(QHostAddress::LocalHost, port);
+            if (socket.waitForConnected(100))
+                return true;
+            QThread::msleep(100);
+        }
+        return false;
+    }
+
+    ~ReferenceServer()
+    {
+        process.kill();
+        process.waitForFinished();
+    }
+
+    QString origin;
+
+private:
+    QProcess process;
+};
+
+// Signs in through dev login and publishes the file as public weights; returns their ID.
+QString publishWeights(const QString &origin, const QString &path)
+{
+    const QByteArray login = runCurl({QStringLiteral("-s"), QStringLiteral("-H"),
+                                      QStringLiteral("Content-Type: application/json"), QStringLiteral("-d"),
+                                      QStringLiteral(R"({"discord_id":"123456789012345678","username":"bench"})"),
+                                      origin + QStringLiteral("/api/auth/dev-login")});
+    const QString token = QJsonDocument::fromJson(login).object().value(QStringLiteral("token")).toString();
+    const QByteArray upload
+            = runCurl({QStringLiteral("-s"), QStringLiteral("-H"), QStringLiteral("Authorization: Bearer ") + token,
+                       QStringLiteral("-H"), QStringLiteral("X-Quorix-API-Version: 4"), QStringLiteral("-F"),
+                       QStringLiteral("name=Benchmark weights"), QStringLiteral("-F"),
+                       QStringLiteral("description=Two hundred megabytes of weights"), QStringLiteral("-F"),
+                       QStringLiteral("onnx_file=@%1;filename=bench.onnx").arg(path),
+                       origin + QStringLiteral("/api/scripts/onnx/upload")});
+    return QJsonDocument::fromJson(upload)
+            .object()
+            .value(QStringLiteral("data"))
+            .toObject()
+            .value(QStringLiteral("id"))
+            .toVariant()
+            .toString();
+}
+
+// The three stretches of the flow a stall can fall into.
+enum Phase { Transfer, Commit, Recording, PhaseCount };
+const char *const phaseNames[PhaseCount]
+        = {"transfer (bytes arriving, hashed, written)", "commit (sync and rename on a worker)",
+           "recording (manifest written, flow told)"};
+
+struct FlowMeasurement
+{
+    double seconds = 0;
+    double peakGrowthMegabytes = 0;
+    double longestStallMilliseconds[PhaseCount] = {};
+    bool ok = false;
+};
+
+// Watches the GUI thread with a 1 ms timer and keeps the worst lateness of a tick in each phase.
+class StallMeter
+{
+public:
+    StallMeter()
+    {
+        timer.setTimerType(Qt::PreciseTimer);
+        timer.setInterval(1);
+        QObject::connect(&timer, &QTimer::timeout, [this] {
+            const qint64 now = clock.nsecsElapsed();
+            worst[phase] = std::max(worst[phase], now - last - 1000000);
+            last = now;
+        });
+    }
+
+    void start()
+    {
+        clock.start();
+        last = 0;
+        timer.start();
+    }
+    // A tick that was late when the phase changed counts for the phase it was late in.
+    void enter(Phase next)
+    {
+        const qint64 now = clock.nsecsElapsed();
+        worst[phase] = std::max(worst[phase], now - last - 1000000);
+        phase = next;
+    }
+    void stop(double *milliseconds)
+    {
+        enter(phase);
+        timer.stop();
+        for (int i = 0; i < PhaseCount; ++i)
+            milliseconds[i] = std::max<qint64>(worst[i], 0) / 1e6;
+    }
+
+private:
+    QTimer timer;
+    QElapsedTimer clock;
+    qint64 last = 0;
+    qint64 worst[PhaseCount] = {};
+    Phase phase = Transfer;
+};
+
+// The lateness an idle GUI thread sees on this machine, so the stalls below can be told from scheduling noise.
+double idleStallMilliseconds(int milliseconds)
+{
+    StallMeter stalls;
+    QEventLoop loop;
+    QTimer::singleShot(milliseconds, &loop, &QEventLoop::quit);
+    stalls.start();
+    loop.exec();
+    double worst[PhaseCount] = {};
+    stalls.stop(worst);
+    return worst[Transfer];
+}
+
+FlowMeasurement downloadThroughWeightsFlow(const QString &weightsId)
+{
+    QWidget page;
+    Quorix::OnlineResourcesAPI api;
+    Quorix::WeightsDownloadFlow flow(&page, &api);
+    StallMeter stalls;
+    QObject::connect(&api, &Quorix::OnlineResourcesAPI::downloadProgress, &flow,
+                     [&stalls](qint64 received, qint64 total) {
+                         if (received == total)
+                             stalls.enter(Commit);
+                     });
+    QObject::connect(&api, &Quorix::OnlineResourcesAPI::weightsDownloaded, &flow,
+                     [&flow, &stalls](const QString &uuid, const QString &path) {
+                         stalls.enter(Recording);
+                         flow.save(path, uuid);
+                     });
+    FlowMeasurement measurement;
+    QElapsedTimer timer;
+    QEventLoop loop;
+    QObject::connect(&flow, &Quorix::WeightsDownloadFlow::weightsSaved, &loop,
+                     [&](const QString &, const QString &path) {
+                         // Measured before the closing message box, which waits for the user.
+                         measurement.seconds = timer.nsecsElapsed() / 1e9;
+                         stalls.stop(measurement.longestStallMilliseconds);
+                         measurement.ok = QFileInfo(path).size() == fileSize;
+                         loop.quit();
+                     });
+    QObject::connect(&api, &Quorix::OnlineResourcesAPI::downloadFailed, &loop,
+                     [&](const QString &, const QString &error) {
+                         std::fprintf(stderr, "weights flow failed: %s\n", qPrintable(error));
+                         loop.quit();
+                     });
+    Quorix::Testing::ModalAnswerer closer;
+    closer.pressButton(QMessageBox::Ok, 600000);
+
+    resetPeakResidentSize();
+    const qint64 residentBefore = statusKilobytes("VmHWM:");
+    timer.start();
+    stalls.start();
+    flow.start(weightsId, QJsonObject{{QStringLiteral("id"), weightsId},
+                                      {QStringLiteral("name"), QStringLiteral("Benchmark weights")}});
+    loop.exec();
+    measurement.peakGrowthMegabytes = (statusKilobytes("VmHWM:") - residentBefore) / 1024.0;
+    closer.waitForAnswer(10000);
+    return measurement;
+}
+
+double curlShaSync(const QString &url, const QString &target)
+{
+    QElapsedTimer timer;
+    timer.start();
+    runCurl({QStringLiteral("-s"), QStringLiteral("-o"), target, url});
+    QProcess sha;
+    sha.start(QStringLiteral("sha256sum"), {target});
+    sha.waitForFinished(-1);
+    QProcess sync;
+    sync.start(QStringLiteral("sync"), {target});
+    sync.waitForFinished(-1);
+    const double seconds = timer.nsecsElapsed() / 1e9;
+    return QFileInfo(target).size() == fileSize && sha.exitCode() == 0 ? seconds : -1;
+}
+
+int weightsFlowBenchmark(const QString &source, const QString &workspace)
+{
+    ReferenceServer server;
+    if (!server.start(workspace + QStringLiteral("/catalogue"))) {
+        std::fprintf(stderr, "the reference server did not start\n");
+        return 1;
+    }
+    const QString weightsId = publishWeights(server.origin, source);
+    if (weightsId.isEmpty()) {
+        std::fprintf(stderr, "publishing the benchmark weights failed\n");
+        return 1;
+    }
+    const QString url = server.origin + QStringLiteral("/api/scripts/onnx/download/") + weightsId;
+    // The server hashes a file on its first download; this one pays for that so neither measured run does.
+    runCurl({QStringLiteral("-s"), QStringLiteral("-o"), QStringLiteral("/dev/null"), url});
+
+    const QString curlTarget = workspace + QStringLiteral("/curl-weights.bin");
+    const double baseline = curlShaSync(url, curlTarget);
+    QFile::remove(curlTarget);
+    qputenv("QUORIX_SERVER_URL", server.origin.toUtf8());
+    Quorix::WeightsLibrary library;
+    QFile::remove(library.folder() + QLatin1Char('/') + weightsId + QStringLiteral(".onnx"));
+    const double idle = idleStallMilliseconds(5000);
+    const FlowMeasurement flow = downloadThroughWeightsFlow(weightsId);
+    const QString saved = library.existingFile(weightsId);
+    if (baseline < 0 || !flow.ok) {
+        std::fprintf(stderr, "a weights download did not complete (curl %d, flow %d)\n", baseline >= 0, flow.ok);
+        return 1;
+    }
+    const double sizeMegabytes = fileSize / megabyte;
+    std::printf("\nweights flow, reference server -> %s\n", qPrintable(Quorix::WeightsLibrary().folder()));
+    std::printf("weights flow (download, digest, commit): %8.1f MB/s  (%.3f s), peak RSS growth %.1f MB\n",
+                sizeMegabytes / flow.seconds, flow.seconds, flow.peakGrowthMegabytes);
+    std::printf("curl -o + sha256sum + sync:              %8.1f MB/s  (%.3f s)\n", sizeMegabytes / baseline, baseline);
+    std::printf("throughput ratio flow/(curl + sha256sum + sync): %.2f\n", baseline / flow.seconds);
+    const double *stalls = flow.longestStallMilliseconds;
+    std::printf("longest GUI-thread stall (1 ms timer lateness) during download and commit: %.1f ms\n",
+                std::max({stalls[Transfer], stalls[Commit], stalls[Recording]}));
+    for (int phase = 0; phase < PhaseCount; ++phase)
+        std::printf("    %-45s %.1f ms\n", phaseNames[phase], stalls[phase]);
+    std::printf("    %-45s %.1f ms\n", "idle GUI thread for 5 s (scheduling noise)", idle);
+    QFile::remove(saved);
+    return 0;
+}
+
 } // namespace
+
+// The weights flow runs in a second process of this program, since the server address is read once per process.
+int runWeightsFlowProcess(const QString &source, const QString &workspace)
+{
+    std::fflush(stdout);
+    QProcess child;
+    child.setProcessChannelMode(QProcess::ForwardedChannels);
+    child.start(QCoreApplication::applicationFilePath(), {QStringLiteral("--weights-flow"), source, workspace});
+    child.waitForFinished(-1);
+    return child.exitCode();
+}
 
 int main(int argc, char *argv[])
 {
+    if (argc == 4 && qstrcmp(argv[1], "--weights-flow") == 0) {
+        QStandardPaths::setTestModeEnabled(true);
+        if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
+            qputenv("QT_QPA_PLATFORM", "offscreen");
+        QApplication app(argc, argv);
+        return weightsFlowBenchmark(QString::fromLocal8Bit(argv[2]), QString::fromLocal8Bit(argv[3]));
+    }
+
     QTemporaryDir workspace;
     const QString source = workspace.filePath(QStringLiteral("served.bin"));
     if (!writeTestFile(source)) {
@@ -244,7 +530,9 @@ int main(int argc, char *argv[])
     const QString origin = QStringLiteral("http://127.0.0.1:%1").arg(server.serverPort());
     qputenv("QUORIX_SERVER_URL", origin.toUtf8());
     QStandardPaths::setTestModeEnabled(true);
-    QCoreApplication app(argc, argv);
+    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+    QApplication app(argc, argv);
 
     const QString apiDirectory = workspace.filePath(QStringLiteral("api"));
     const QString curlTarget = workspace.filePath(QStringLiteral("curl.bin"));
@@ -275,5 +563,5 @@ int main(int argc, char *argv[])
     std::printf("throughput ratio API/curl: %.2f (target >= 0.90)\n", apiRate / curlRate);
     std::printf("throughput ratio API/(curl + fsync): %.2f\n", apiRate * curl.secondsWithSync / sizeMegabytes);
     std::printf("API peak memory growth under 64 MB: %s\n", api.peakGrowthMegabytes < 64.0 ? "yes" : "no");
-    return 0;
+    return runWeightsFlowProcess(source, workspace.path());
 }
