@@ -2,6 +2,8 @@
 
 #include "plugin/ResourceRecord.h"
 
+#include <QLabel>
+
 namespace Quorix {
 
 DownloadProgressDialog::DownloadProgressDialog(QWidget *page)
@@ -14,7 +16,12 @@ DownloadProgressDialog::DownloadProgressDialog(QWidget *page)
     setAutoReset(false);
     // Neither the transfer nor the environment manager can be stopped half-way, so no button pretends to.
     setCancelButton(nullptr);
-    setMinimumWidth(420);
+    // uv's output lines are long; they wrap inside a steady width instead of stretching the dialog.
+    auto *label = new QLabel(this);
+    label->setWordWrap(true);
+    label->setAlignment(Qt::AlignCenter);
+    setLabel(label);
+    setMinimumWidth(460);
 }
 
 void DownloadProgressDialog::begin(const QString &label)

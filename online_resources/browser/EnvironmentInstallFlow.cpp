@@ -1,5 +1,6 @@
 #include "EnvironmentInstallFlow.h"
 
+#include "DownloadMessageBox.h"
 #include "DownloadProgressDialog.h"
 #include "api/OnlineResourcesAPI.h"
 #include "pyenv/PythonEnvironmentManager.h"
@@ -8,7 +9,6 @@
 #include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QMessageBox>
 #include <QStandardPaths>
 #include <QTemporaryDir>
 
@@ -16,7 +16,7 @@ namespace Quorix {
 
 namespace {
 
-constexpr int longestProgressLine = 160;
+constexpr int longestProgressLine = 100;
 
 // The last line of uv's output that says something, short enough for a dialog label.
 QString lastMeaningfulLine(const QString &output)
@@ -141,10 +141,9 @@ QString EnvironmentInstallFlow::readPackageName(const QString &path)
 
 bool EnvironmentInstallFlow::confirmReplacing(const QString &name)
 {
-    QMessageBox box(QMessageBox::Warning, tr("Replace Environment"),
-                    tr("An environment named '%1' already exists.\n\nDo you want to replace it?").arg(name),
-                    QMessageBox::Yes | QMessageBox::No, page);
-    box.setObjectName(QStringLiteral("replaceEnvironmentBox"));
+    DownloadMessageBox box(QMessageBox::Warning, tr("Replace Environment"),
+                           tr("An environment named '%1' already exists.\n\nDo you want to replace it?").arg(name),
+                           QMessageBox::Yes | QMessageBox::No, page, QStringLiteral("replaceEnvironmentBox"));
     box.setDefaultButton(QMessageBox::No);
     return box.exec() == QMessageBox::Yes;
 }
@@ -198,9 +197,9 @@ void EnvironmentInstallFlow::onOperationFinished(bool success, const QString &er
 void EnvironmentInstallFlow::showOutcome(bool success, const QString &error)
 {
     if (success) {
-        QMessageBox box(QMessageBox::Information, tr("Environment Installed"),
-                        tr("The environment '%1' has been installed.").arg(environmentName), QMessageBox::Ok, page);
-        box.setObjectName(QStringLiteral("environmentInstalledBox"));
+        DownloadMessageBox box(QMessageBox::Information, tr("Environment Installed"),
+                               tr("The environment '%1' has been installed.").arg(environmentName), QMessageBox::Ok,
+                               page, QStringLiteral("environmentInstalledBox"));
         box.exec();
     } else {
         showError(tr("Installation Failed"), error);
@@ -210,8 +209,8 @@ void EnvironmentInstallFlow::showOutcome(bool success, const QString &error)
 
 void EnvironmentInstallFlow::showError(const QString &title, const QString &text)
 {
-    QMessageBox box(QMessageBox::Critical, title, text, QMessageBox::Ok, page);
-    box.setObjectName(QStringLiteral("environmentErrorBox"));
+    DownloadMessageBox box(QMessageBox::Critical, title, text, QMessageBox::Ok, page,
+                           QStringLiteral("environmentErrorBox"));
     box.exec();
 }
 

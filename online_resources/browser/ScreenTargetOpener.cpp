@@ -1,7 +1,8 @@
 #include "ScreenTargetOpener.h"
 
-#include "api/OnlineResourcesAPI.h"
+#include "DownloadProgressDialog.h"
 #include "OnlineResourcesWidget.h"
+#include "api/OnlineResourcesAPI.h"
 
 #include <QJsonArray>
 #include <QTextStream>
@@ -19,9 +20,35 @@ bool ScreenTargetOpener::open(const QString &target)
     const qsizetype colon = target.indexOf(QLatin1Char(':'));
     const QString kind = colon < 0 ? target : target.left(colon);
     const QString argument = colon < 0 ? QString() : target.mid(colon + 1);
-    Q_UNUSED(kind)
-    Q_UNUSED(argument)
+    if (kind == QLatin1String("download-progress"))
+        return openDownloadProgress(argument);
+    if (kind == QLatin1String("script-download"))
+        return startDownload(Kind::Scripts, argument, "onCardDownloadClicked");
+    if (kind == QLatin1String("weights-download"))
+        return startDownload(Kind::Weights, argument, "onOnnxDownloadClicked");
+    if (kind == QLatin1String("environment-install"))
+        return startDownload(Kind::Environments, argument, "onQenvInstallClicked");
     return false;
+}
+
+bool ScreenTargetOpener::openDownloadProgress(const QString &argument)
+{
+    // "RECEIVED/TOTAL" in bytes; a total below 1 shows the busy state.
+    const QStringList amounts = argument.split(QLatin1Char('/'));
+    if (amounts.size() != 2)
+        return false;
+    auto *dialog = new DownloadProgressDialog(page);
+    dialog->begin(tr("Downloading..."));
+    dialog->showProgress(amounts.first().toLongLong(), amounts.last().toLongLong());
+    return true;
+}
+
+bool ScreenTargetOpener::startDownload(Kind kind, const QString &name, const char *pageSlot)
+{
+    findResource(kind, name, [this, pageSlot](const QJsonObject &record) {
+        QMetaObject::invokeMethod(page, pageSlot, Q_ARG(QString, record.value(QLatin1String("id")).toString()));
+    });
+    return true;
 }
 
 void ScreenTargetOpener::findResource(Kind kind, const QString &name, const RecordHandler &found)

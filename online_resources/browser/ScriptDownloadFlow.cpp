@@ -1,5 +1,6 @@
 #include "ScriptDownloadFlow.h"
 
+#include "DownloadMessageBox.h"
 #include "DownloadProgressDialog.h"
 #include "ScriptsDirectory.h"
 #include "api/OnlineResourcesAPI.h"
@@ -10,7 +11,6 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QMessageBox>
 #include <QPushButton>
 #include <QStandardPaths>
 #include <QTemporaryDir>
@@ -113,9 +113,10 @@ qsizetype ScriptDownloadFlow::copyCount(const QString &directory, const QFileInf
 ScriptDownloadFlow::Choice ScriptDownloadFlow::askAboutExistingFile(const QString &fileName, const QString &directory,
                                                                     const QString &baseName, qsizetype count)
 {
-    QMessageBox box(QMessageBox::Question, tr("File Already Exists"),
-                    tr("The script '%1' already exists in %2.").arg(fileName, directory), QMessageBox::NoButton, page);
-    box.setObjectName(QStringLiteral("fileExistsBox"));
+    DownloadMessageBox box(
+            QMessageBox::Question, tr("File Already Exists"),
+            tr("The script '%1' already exists in %2.").arg(fileName, QDir::toNativeSeparators(directory)),
+            QMessageBox::NoButton, page, QStringLiteral("fileExistsBox"));
     box.setInformativeText(tr("What would you like to do?"));
     // One role for all three keeps them in this order on every platform's button layout.
     QPushButton *replace = box.addButton(tr("Replace"), QMessageBox::ActionRole);

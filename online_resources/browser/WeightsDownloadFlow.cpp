@@ -1,5 +1,6 @@
 #include "WeightsDownloadFlow.h"
 
+#include "DownloadMessageBox.h"
 #include "DownloadProgressDialog.h"
 #include "WeightsLibrary.h"
 #include "api/OnlineResourcesAPI.h"
@@ -8,7 +9,6 @@
 #include <QDateTime>
 #include <QDir>
 #include <QFileInfo>
-#include <QMessageBox>
 
 namespace Quorix {
 
@@ -41,12 +41,11 @@ void WeightsDownloadFlow::start(const QString &uuid, const QJsonObject &record)
 
 bool WeightsDownloadFlow::confirmReplacing(const QString &existingPath)
 {
-    QMessageBox box(QMessageBox::Question, tr("File Already Exists"),
-                    tr("These weights already exist locally:\n%1\n\nSize: %2")
-                            .arg(QDir::toNativeSeparators(existingPath),
-                                 ResourceRecord::fileSize(QFileInfo(existingPath).size())),
-                    QMessageBox::Yes | QMessageBox::No, page);
-    box.setObjectName(QStringLiteral("weightsExistBox"));
+    DownloadMessageBox box(QMessageBox::Question, tr("File Already Exists"),
+                           tr("These weights already exist locally:\n%1\n\nSize: %2")
+                                   .arg(QDir::toNativeSeparators(existingPath),
+                                        ResourceRecord::fileSize(QFileInfo(existingPath).size())),
+                           QMessageBox::Yes | QMessageBox::No, page, QStringLiteral("weightsExistBox"));
     box.setInformativeText(tr("Would you like to download again and replace it?"));
     box.setDefaultButton(QMessageBox::No);
     return box.exec() == QMessageBox::Yes;
@@ -68,8 +67,8 @@ void WeightsDownloadFlow::onDownloadFailed(const QString &tag, const QString &er
     QMetaObject::invokeMethod(
             this,
             [this, error] {
-                QMessageBox box(QMessageBox::Critical, tr("Download Failed"), error, QMessageBox::Ok, page);
-                box.setObjectName(QStringLiteral("weightsDownloadFailedBox"));
+                DownloadMessageBox box(QMessageBox::Critical, tr("Download Failed"), error, QMessageBox::Ok, page,
+                                       QStringLiteral("weightsDownloadFailedBox"));
                 box.exec();
             },
             Qt::QueuedConnection);
@@ -91,8 +90,8 @@ void WeightsDownloadFlow::saveNow(const QString &filePath, const QString &uuid)
     library.record(uuid, WeightsLibrary::entryFor(record, QFileInfo(filePath).size(), QDateTime::currentDateTimeUtc()));
     emit weightsSaved(uuid, filePath);
 
-    QMessageBox box(QMessageBox::Information, tr("Download Complete"), tr("ONNX weights saved"), QMessageBox::Ok, page);
-    box.setObjectName(QStringLiteral("weightsSavedBox"));
+    DownloadMessageBox box(QMessageBox::Information, tr("Download Complete"), tr("ONNX weights saved"), QMessageBox::Ok,
+                           page, QStringLiteral("weightsSavedBox"));
     box.setInformativeText(QDir::toNativeSeparators(filePath));
     box.exec();
 }
