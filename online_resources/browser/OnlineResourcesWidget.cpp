@@ -228,10 +228,12 @@ void OnlineResourcesWidget::checkAuthentication()
     const bool idChanged = discordId != previousDiscordId;
     if (isAuthenticated && (!wasAuthenticated || idChanged))
         apiClient->claimPendingAuthorizations();
-    if (wasAuthenticated != isAuthenticated || idChanged || scriptCards.isEmpty()) {
+    // The page comes back showing the kind the user chose; reloading the script list in another mode would clear
+    // the grid and then ignore the reply.
+    if (wasAuthenticated != isAuthenticated || idChanged || cardCount() == 0) {
         resetPaging();
         isLoadingMore = false;
-        loadScripts();
+        loadFirstPage();
     }
 }
 
@@ -421,6 +423,7 @@ void OnlineResourcesWidget::updateLoadingState(bool loading)
     isLoading = loading;
     refreshButton->setEnabled(!loading);
     if (loading) {
+        searchTextInFlight = searchText;
         if (currentPage == 1)
             clearGrid();
         stack->setCurrentWidget(loadingIndicator);
@@ -733,8 +736,14 @@ void OnlineResourcesWidget::onUserBanned(const QString &)
 
 void OnlineResourcesWidget::finishLoading()
 {
+    const bool firstPageFinished = isLoading;
     updateLoadingState(false);
     isLoadingMore = false;
+    // Keystrokes typed while a first page was loading were not sent on their own; the last text must still win.
+    if (firstPageFinished && searchText != searchTextInFlight) {
+        resetPaging();
+        loadFirstPage();
+    }
 }
 
 void OnlineResourcesWidget::clearGrid()

@@ -137,6 +137,7 @@ private:
     int totalPages = 1;
     int totalItems = 0;
     QString searchText;
+    QString searchTextInFlight;
     QString currentType = QStringLiteral("all");
     QString currentSort = QStringLiteral("popular");
     bool isLoading = false;
