@@ -767,6 +767,8 @@ void OnlineResourcesWidget::showGridMessage(const QString &message)
 {
     clearGrid();
     auto *label = new QLabel(message, gridContainer);
+    // Messages can carry the server's own error text.
+    label->setTextFormat(Qt::PlainText);
     label->setObjectName(QStringLiteral("gridMessage"));
     label->setAlignment(Qt::AlignCenter);
     label->setWordWrap(true);
