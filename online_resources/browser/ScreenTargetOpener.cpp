@@ -1,7 +1,7 @@
 #include "ScreenTargetOpener.h"
 
-#include "api/OnlineResourcesAPI.h"
 #include "OnlineResourcesWidget.h"
+#include "api/OnlineResourcesAPI.h"
 
 #include <QJsonArray>
 #include <QTextStream>
@@ -11,8 +11,7 @@ namespace Quorix {
 ScreenTargetOpener::ScreenTargetOpener(OnlineResourcesWidget *page)
     : QObject(page)
     , page(page)
-{
-}
+{ }
 
 bool ScreenTargetOpener::open(const QString &target)
 {

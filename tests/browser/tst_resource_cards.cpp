@@ -347,12 +347,13 @@ void ResourceCardsTest::thumbnails()
 void ResourceCardsTest::authorTextsAreNeverRenderedAsMarkup()
 {
     const QString name = QStringLiteral("<h1 style='color:red'>Warning</h1><a href='x'>Click here to update now</a>");
-    QJsonObject fields{{QStringLiteral("name"), name},
-                       {QStringLiteral("description"), QStringLiteral("<img src='x'><b>System alert</b>")},
-                       {QStringLiteral("author"), QStringLiteral("<i>Quorix Team</i>")},
-                       {QStringLiteral("type"), QStringLiteral("<u>gpc3</u>")},
-                       {QStringLiteral("visibility_type"), QStringLiteral("<b>odd</b>")},
-                       {QStringLiteral("qenv_metadata"), QJsonObject{{QStringLiteral("python"), QStringLiteral("<b>3</b>")}}}};
+    QJsonObject fields{
+            {QStringLiteral("name"), name},
+            {QStringLiteral("description"), QStringLiteral("<img src='x'><b>System alert</b>")},
+            {QStringLiteral("author"), QStringLiteral("<i>Quorix Team</i>")},
+            {QStringLiteral("type"), QStringLiteral("<u>gpc3</u>")},
+            {QStringLiteral("visibility_type"), QStringLiteral("<b>odd</b>")},
+            {QStringLiteral("qenv_metadata"), QJsonObject{{QStringLiteral("python"), QStringLiteral("<b>3</b>")}}}};
     const auto withId = [&](const QString &id) {
         QJsonObject record = fields;
         record.insert(QStringLiteral("id"), id);

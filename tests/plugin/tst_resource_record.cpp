@@ -98,7 +98,8 @@ void TestResourceRecord::encryptionAcceptsBooleanAndOne()
 
 void TestResourceRecord::authorFromObjectOrPlainString()
 {
-    const QJsonObject full = record(R"({"author": {"username": "neo", "name": "Thomas", "discord_id": "123456789012345678"}})");
+    const QJsonObject full
+            = record(R"({"author": {"username": "neo", "name": "Thomas", "discord_id": "123456789012345678"}})");
     QCOMPARE(ResourceRecord::authorName(full), QStringLiteral("neo"));
     QCOMPARE(ResourceRecord::ownerDiscordId(full), QStringLiteral("123456789012345678"));
 
@@ -154,7 +155,9 @@ void TestResourceRecord::relativeDates_data()
     QTest::addColumn<QString>("shown");
     const QString now = QStringLiteral("2026-11-22T15:00:00Z");
     const QDateTime nowInstant = QDateTime::fromString(now, Qt::ISODate);
-    const auto back = [&](qint64 seconds) { return nowInstant.addSecs(-seconds).toString(Qt::ISODate); };
+    const auto back = [&](qint64 seconds) {
+        return nowInstant.addSecs(-seconds).toString(Qt::ISODate);
+    };
     const qint64 hour = 3600;
     const qint64 day = 24 * hour;
     QTest::newRow("today") << QByteArray("UTC") << back(0) << now << "Today";
@@ -174,11 +177,11 @@ void TestResourceRecord::relativeDates_data()
                                    << QStringLiteral("2026-11-22T15:10:00Z") << "Today";
     QTest::newRow("30 min, Kiritimati") << QByteArray("Pacific/Kiritimati") << QStringLiteral("2026-11-22T09:40:00Z")
                                         << QStringLiteral("2026-11-22T10:10:00Z") << "Today";
-    QTest::newRow("local time without zone") << QByteArray("America/Los_Angeles")
-                                             << QStringLiteral("2026-11-22T23:50:00")
-                                             << QStringLiteral("2026-11-23T08:10:00Z") << "Today";
-    QTest::newRow("clock a little behind the server") << QByteArray("UTC") << QStringLiteral("2026-11-22T15:05:00Z")
-                                                      << now << "Today";
+    QTest::newRow("local time without zone")
+            << QByteArray("America/Los_Angeles") << QStringLiteral("2026-11-22T23:50:00")
+            << QStringLiteral("2026-11-23T08:10:00Z") << "Today";
+    QTest::newRow("clock a little behind the server")
+            << QByteArray("UTC") << QStringLiteral("2026-11-22T15:05:00Z") << now << "Today";
     QTest::newRow("three days ahead") << QByteArray("UTC") << back(-3 * day) << now << "-3 days ago";
     QTest::newRow("with milliseconds") << QByteArray("UTC") << QStringLiteral("2026-11-20T10:00:00.123Z") << now
                                        << "2 days ago";
