@@ -106,6 +106,8 @@ void ScriptSelectionDialog::presetPath(const QString &path)
 {
     if (path.isEmpty())
         return;
+    // A refused preset is marked too: otherwise showing the dialog would wipe the reason before anyone read it.
+    preset = true;
     const QFileInfo file(path);
     if (!file.exists()) {
         setStatus(tr("File not found: %1").arg(path), StatusKind::Error);
@@ -115,7 +117,6 @@ void ScriptSelectionDialog::presetPath(const QString &path)
         setStatus(tr("File must be less than %1.").arg(sizeLimitText(file.suffix())), StatusKind::Error);
         return;
     }
-    preset = true;
     takeFile(path);
     QTimer::singleShot(presetCheckDelayMilliseconds, this, &ScriptSelectionDialog::startCheck);
 }
