@@ -24,6 +24,7 @@
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QNetworkRequest>
+#include <QPainter>
 #include <QPixmap>
 #include <QProgressBar>
 #include <QPushButton>
@@ -114,6 +115,7 @@ void UploadDialog::buildLayout()
     columns->addLayout(previewColumn);
     columns->addWidget(buildDetails(), 1);
     layout->addLayout(columns);
+    layout->addSpacing(8);
 
     progressBar = new QProgressBar(this);
     progressBar->setObjectName(QStringLiteral("progressBar"));
@@ -155,6 +157,9 @@ QWidget *UploadDialog::buildPreviewCard()
     auto *card = new QGroupBox(this);
     card->setStyleSheet(QStringLiteral("QGroupBox { margin: 0px; padding: 1px; border-radius: 18px; }"));
     card->setFixedWidth(previewWidth);
+    // The catalogue's cards draw their own rounded surface; the preview draws the same one underneath its frame.
+    card->installEventFilter(this);
+    previewCard = card;
     auto *layout = new QVBoxLayout(card);
     layout->setContentsMargins(11, 11, 11, 11);
     layout->setSpacing(6);
@@ -453,6 +458,14 @@ void UploadDialog::updateVersionAuthorLine()
 
 bool UploadDialog::eventFilter(QObject *watched, QEvent *event)
 {
+    if (watched == previewCard && event->type() == QEvent::Paint) {
+        QPainter painter(previewCard);
+        painter.setRenderHint(QPainter::Antialiasing);
+        painter.setPen(QPen(palette().color(QPalette::Mid), 1));
+        painter.setBrush(palette().color(QPalette::AlternateBase));
+        painter.drawRoundedRect(QRectF(previewCard->rect()).adjusted(0.5, 0.5, -0.5, -0.5), 18, 18);
+        return false;
+    }
     if (watched == imagePicker && event->type() == QEvent::MouseButtonRelease && imagePicker->isEnabled()
         && static_cast<QMouseEvent *>(event)->button() == Qt::LeftButton) {
         onBrowseImageClicked();

@@ -115,6 +115,7 @@ private:
     QList<QMetaObject::Connection> clientConnections;
     QNetworkAccessManager *imageNetwork = nullptr;
 
+    QWidget *previewCard = nullptr;
     QLabel *imagePicker = nullptr;
     QLineEdit *nameEdit = nullptr;
     QLabel *typeBadge = nullptr;
