@@ -45,7 +45,6 @@ private slots:
     void init();
     void presetPathIsCheckedAgainstItsLimit_data();
     void presetPathIsCheckedAgainstItsLimit();
-    void browsingRefusesFilesAboveTheLimit();
     void checkReplyDecidesUpdateOrNew_data();
     void checkReplyDecidesUpdateOrNew();
     void replyAfterTheTimeoutIsIgnored();
@@ -146,24 +145,6 @@ void ScriptSelectionDialogTest::presetPathIsCheckedAgainstItsLimit()
     QCOMPARE(body.value("name").toString(), fileName);
     QCOMPARE(body.value("script_type").toString(), checkedType);
     QTRY_COMPARE(statusLabel->text(), QStringLiteral("This will be uploaded as a new script."));
-}
-
-void ScriptSelectionDialogTest::browsingRefusesFilesAboveTheLimit()
-{
-    const QString path = makeFile(QStringLiteral("over.gbc3"), 10485761);
-    auto dialog = makeDialog();
-    dialog->show();
-    ModalAnswerer chooser;
-    chooser.chooseFile(path);
-    ModalAnswerer warning;
-    warning.pressButton(QMessageBox::Ok);
-    dialog->onBrowseClicked();
-    QVERIFY(warning.waitForAnswer());
-    QCOMPARE(warning.seenTitle(), QStringLiteral("File Too Large"));
-    QCOMPARE(warning.seenText(), QStringLiteral("File must be less than 10MB."));
-    QCOMPARE(child<QLineEdit>(dialog.get(), "pathEdit")->text(), QString());
-    QVERIFY(child<QPushButton>(dialog.get(), "browseButton")->isEnabled());
-    QCOMPARE(server.requestCount(), 0);
 }
 
 void ScriptSelectionDialogTest::checkReplyDecidesUpdateOrNew_data()
