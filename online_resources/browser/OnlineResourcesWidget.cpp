@@ -7,6 +7,7 @@
 #include "ScriptCard.h"
 #include "api/OnlineResourcesAPI.h"
 #include "plugin/Configuration.h"
+#include "publish/PublishFlow.h"
 
 #include <PluginHost.h>
 #include <SettingsManager.h>
@@ -51,6 +52,7 @@ const QString cannotConnect()
 OnlineResourcesWidget::OnlineResourcesWidget(OnlineResourcesPlugin *, QWidget *parent)
     : QWidget(parent)
     , apiClient(new OnlineResourcesAPI(this))
+    , publishFlow(new PublishFlow(apiClient, this))
 {
     buildLayout();
     connectApi();
@@ -148,11 +150,12 @@ void OnlineResourcesWidget::connectApi()
 {
     using Api = OnlineResourcesAPI;
     connect(apiClient, &Api::scriptsLoaded, this, &OnlineResourcesWidget::onScriptsLoaded);
+    // Every kind of upload ends here through the form, which the client's own upload signals would not cover.
+    connect(publishFlow, &PublishFlow::published, this, &OnlineResourcesWidget::onUploadCompleted);
     connect(apiClient, &Api::scriptDetailsLoaded, this, &OnlineResourcesWidget::onScriptDetailsLoaded);
     connect(apiClient, &Api::scriptDeleted, this, &OnlineResourcesWidget::onScriptDeleted);
     connect(apiClient, &Api::scriptLikeToggled, this, &OnlineResourcesWidget::onScriptLikeToggled);
     connect(apiClient, &Api::userLikedScriptsLoaded, this, &OnlineResourcesWidget::onUserLikedScriptsLoaded);
-    connect(apiClient, &Api::scriptUploaded, this, &OnlineResourcesWidget::onUploadCompleted);
     connect(apiClient, &Api::errorOccurred, this, &OnlineResourcesWidget::onNetworkError);
     connect(apiClient, &Api::scriptDownloaded, this, &OnlineResourcesWidget::onScriptDownloaded);
     connect(apiClient, &Api::downloadProgress, this, &OnlineResourcesWidget::onDownloadProgress);
@@ -256,11 +259,21 @@ void OnlineResourcesWidget::retranslateUi()
     sortCombo->setItemText(3, tr("My Liked"));
 }
 
-void OnlineResourcesWidget::startPublishing(const QString &)
+void OnlineResourcesWidget::startPublishing(const QString &filePath)
+{
+    publish(filePath);
+}
+
+void OnlineResourcesWidget::publish(const QString &presetPath)
 {
     isAuthenticated = pluginHost && pluginHost->isUserAuthenticated();
-    if (!isAuthenticated)
+    if (!isAuthenticated) {
         showAuthenticationRequired();
+        return;
+    }
+    const QString globalName = pluginHost->getAuthenticatedGlobalName();
+    publishFlow->start(presetPath, PublishFlow::scriptsDirectory(settings),
+                       globalName.isEmpty() ? pluginHost->getAuthenticatedUsername() : globalName);
 }
 
 bool OnlineResourcesWidget::isAdministrator() const
@@ -306,9 +319,7 @@ void OnlineResourcesWidget::onRefreshClicked()
 
 void OnlineResourcesWidget::onUploadClicked()
 {
-    isAuthenticated = pluginHost && pluginHost->isUserAuthenticated();
-    if (!isAuthenticated)
-        showAuthenticationRequired();
+    publish(QString());
 }
 
 void OnlineResourcesWidget::onCardClicked(const QString &scriptId)
@@ -395,7 +406,7 @@ void OnlineResourcesWidget::onUserLikedScriptsLoaded(const QStringList &scriptId
 void OnlineResourcesWidget::onUploadCompleted(const QString &)
 {
     resetPaging();
-    loadScripts();
+    loadFirstPage();
 }
 
 void OnlineResourcesWidget::onNetworkError(const QString &error)

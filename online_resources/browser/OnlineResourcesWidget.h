@@ -23,6 +23,7 @@ class OnlineResourcesAPI;
 class OnlineResourcesPlugin;
 class OnnxCard;
 class PluginHost;
+class PublishFlow;
 class QenvCard;
 class ScreenTargetOpener;
 class ScriptCard;
@@ -128,6 +129,7 @@ private:
     void stretchAfter(int lastRow, int columns);
     QString temporaryDownloadDirectory() const;
     void showAuthenticationRequired();
+    void publish(const QString &presetPath);
 
     OnlineResourcesAPI *apiClient = nullptr;
     QPointer<PluginHost> pluginHost;
@@ -165,6 +167,7 @@ private:
     QTimer *loadingTimer = nullptr;
     QTimer *safetyTimer = nullptr;
     ScreenTargetOpener *targetOpener = nullptr;
+    PublishFlow *publishFlow = nullptr;
 };
 
 } // namespace Quorix

@@ -2,6 +2,7 @@
 
 #include "OnlineResourcesWidget.h"
 #include "api/OnlineResourcesAPI.h"
+#include "publish/PublishFlow.h"
 
 #include <QJsonArray>
 #include <QTextStream>
@@ -18,9 +19,19 @@ bool ScreenTargetOpener::open(const QString &target)
     const qsizetype colon = target.indexOf(QLatin1Char(':'));
     const QString kind = colon < 0 ? target : target.left(colon);
     const QString argument = colon < 0 ? QString() : target.mid(colon + 1);
-    Q_UNUSED(kind)
-    Q_UNUSED(argument)
+    if (kind == QLatin1String("publish"))
+        return openPublish(argument);
     return false;
+}
+
+bool ScreenTargetOpener::openPublish(const QString &path)
+{
+    // The page's credentials name the author, as its own publishing would.
+    const OnlineResourcesAPI *api = page->api();
+    auto *flow = new PublishFlow(page->api(), page);
+    flow->start(path, PublishFlow::scriptsDirectory(nullptr),
+                api->discordGlobalName.isEmpty() ? api->discordUsername : api->discordGlobalName, true);
+    return true;
 }
 
 void ScreenTargetOpener::findResource(Kind kind, const QString &name, const RecordHandler &found)
