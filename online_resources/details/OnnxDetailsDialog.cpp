@@ -78,16 +78,17 @@ void OnnxDetailsDialog::onLikeClicked()
 
 void OnnxDetailsDialog::onDeleteClicked()
 {
-    const bool confirmed = encrypted
-            ? confirmDestructive(tr("Delete ONNX Weights"), tr("\u26A0\uFE0F WARNING: Deleting encrypted weights!"),
-                                 tr("This action will permanently revoke access for ALL users.\n\n"
-                                    "\u2022 Users who downloaded these weights will no longer be able to use them\n"
-                                    "\u2022 Built engine caches (.eecache) will stop working\n"
-                                    "\u2022 Decryption keys are server-validated and will be rejected\n"
-                                    "\u2022 This cannot be undone\n\n"
-                                    "Are you sure you want to delete these weights?"))
-            : confirmDestructive(tr("Delete ONNX Weights"), tr("Are you sure you want to delete these ONNX weights?"),
-                                 tr("The weights will be deleted from the Online Resources."));
+    const bool confirmed = encrypted ? confirmDestructive(
+                                   tr("Delete ONNX Weights"), tr("\u26A0\uFE0F WARNING: Deleting encrypted weights!"),
+                                   tr("This action will permanently revoke access for ALL users.\n\n"
+                                      "\u2022 Users who downloaded these weights will no longer be able to use them\n"
+                                      "\u2022 Built engine caches (.eecache) will stop working\n"
+                                      "\u2022 Decryption keys are server-validated and will be rejected\n"
+                                      "\u2022 This cannot be undone\n\n"
+                                      "Are you sure you want to delete these weights?"))
+                                     : confirmDestructive(tr("Delete ONNX Weights"),
+                                                          tr("Are you sure you want to delete these ONNX weights?"),
+                                                          tr("The weights will be deleted from the Online Resources."));
     if (!confirmed)
         return;
     emit deleteRequested(resourceId());

@@ -52,8 +52,8 @@ QPixmap headerPixmap(const QImage &image, qreal ratio)
 {
     const QSize target(int(headerWidth * ratio), int(headerHeight * ratio));
     QImage scaled = image.scaled(target, Qt::KeepAspectRatioByExpanding, Qt::SmoothTransformation);
-    scaled = scaled.copy((scaled.width() - target.width()) / 2, (scaled.height() - target.height()) / 2,
-                         target.width(), target.height());
+    scaled = scaled.copy((scaled.width() - target.width()) / 2, (scaled.height() - target.height()) / 2, target.width(),
+                         target.height());
     QPixmap pixmap(target);
     pixmap.fill(Qt::transparent);
     QPainter painter(&pixmap);
@@ -72,7 +72,8 @@ QString headerImageAddress(const QJsonObject &record)
 {
     const QJsonObject images = record.value(QLatin1String("images")).toObject();
     const QJsonValue header = images.value(QLatin1String("header"));
-    const QJsonObject chosen = header.isObject() ? header.toObject() : images.value(QLatin1String("thumbnail")).toObject();
+    const QJsonObject chosen
+            = header.isObject() ? header.toObject() : images.value(QLatin1String("thumbnail")).toObject();
     return chosen.value(QLatin1String("url")).toString();
 }
 
@@ -178,8 +179,8 @@ void ResourceDetailsDialog::buildLayout()
     manageAccessButton = createIconButton(QStringLiteral(":/icons/key.svg"), tr("Manage Access"),
                                           QStringLiteral("manageAccessButton"));
     buttons->addWidget(manageAccessButton);
-    banAuthorButton = createIconButton(QStringLiteral(":/icons/ban.svg"), tr("Ban Author"),
-                                       QStringLiteral("banAuthorButton"));
+    banAuthorButton
+            = createIconButton(QStringLiteral(":/icons/ban.svg"), tr("Ban Author"), QStringLiteral("banAuthorButton"));
     buttons->addWidget(banAuthorButton);
     buttons->addStretch();
     likeButton = new QPushButton(this);
@@ -212,7 +213,7 @@ void ResourceDetailsDialog::connectButtons()
 }
 
 QPushButton *ResourceDetailsDialog::createIconButton(const QString &iconPath, const QString &toolTip,
-                                                      const QString &objectName)
+                                                     const QString &objectName)
 {
     auto *button = new QPushButton(this);
     button->setObjectName(objectName);
@@ -384,7 +385,7 @@ QString ResourceDetailsDialog::ownerDiscordId() const
 }
 
 bool ResourceDetailsDialog::confirmDestructive(const QString &title, const QString &text,
-                                                const QString &informativeText)
+                                               const QString &informativeText)
 {
     QMessageBox box(QMessageBox::Warning, title, text, QMessageBox::Yes | QMessageBox::No, this);
     box.setInformativeText(informativeText);
@@ -453,9 +454,10 @@ void ResourceDetailsDialog::updateStats()
     const auto item = [](const QString &format, qint64 count) {
         return count > 0 ? format.arg(ResourceRecord::abbreviatedCount(count)) : QString();
     };
-    QStringList items{item(presentation.downloadsCounter, ResourceRecord::counter(currentRecord, QStringLiteral("downloads"))),
-                      item(tr("%1 views"), ResourceRecord::counter(currentRecord, QStringLiteral("views"))),
-                      item(tr("%1 likes"), likeCount)};
+    QStringList items{
+            item(presentation.downloadsCounter, ResourceRecord::counter(currentRecord, QStringLiteral("downloads"))),
+            item(tr("%1 views"), ResourceRecord::counter(currentRecord, QStringLiteral("views"))),
+            item(tr("%1 likes"), likeCount)};
     items.removeAll(QString());
     statsLabel->setText(items.join(QStringLiteral(" • ")));
     updateLikeButton();

@@ -17,9 +17,9 @@ struct Tag
 
 const QSet<QString> &inlineAndListTags()
 {
-    static const QSet<QString> tags{QStringLiteral("b"),  QStringLiteral("i"),  QStringLiteral("em"),
-                                    QStringLiteral("strong"), QStringLiteral("u"), QStringLiteral("p"),
-                                    QStringLiteral("ul"), QStringLiteral("ol"), QStringLiteral("li"),
+    static const QSet<QString> tags{QStringLiteral("b"),      QStringLiteral("i"),  QStringLiteral("em"),
+                                    QStringLiteral("strong"), QStringLiteral("u"),  QStringLiteral("p"),
+                                    QStringLiteral("ul"),     QStringLiteral("ol"), QStringLiteral("li"),
                                     QStringLiteral("a")};
     return tags;
 }
@@ -35,12 +35,13 @@ bool becomesParagraph(const QString &name)
 bool dropsContent(const QString &name)
 {
     return name == QLatin1String("script") || name == QLatin1String("style") || name == QLatin1String("title")
-            || name == QLatin1String("textarea");
+           || name == QLatin1String("textarea");
 }
 
 QString escapedText(QStringView text)
 {
-    static const QRegularExpression entity(QStringLiteral("^&(#[0-9]{1,7}|#[xX][0-9a-fA-F]{1,6}|[a-zA-Z][a-zA-Z0-9]{1,31});"));
+    static const QRegularExpression entity(
+            QStringLiteral("^&(#[0-9]{1,7}|#[xX][0-9a-fA-F]{1,6}|[a-zA-Z][a-zA-Z0-9]{1,31});"));
     QString out;
     out.reserve(text.size());
     for (qsizetype i = 0; i < text.size(); ++i) {
@@ -237,7 +238,7 @@ bool RichTextSanitizer::isAllowedLink(const QUrl &url)
 {
     const QString scheme = url.scheme().toLower();
     return url.isValid() && !url.host().isEmpty()
-            && (scheme == QLatin1String("http") || scheme == QLatin1String("https"));
+           && (scheme == QLatin1String("http") || scheme == QLatin1String("https"));
 }
 
 } // namespace Quorix

@@ -80,7 +80,8 @@ void ScriptDetailsDialog::onBanAuthorClicked()
                             tr("This will prevent them from uploading any new scripts or resources. Their existing "
                                "uploads will remain but be hidden from public listings.")))
         return;
-    emit banAuthorRequested(ownerDiscordId(), QStringLiteral("Banned by administrator from script: %1").arg(recordName()));
+    emit banAuthorRequested(ownerDiscordId(),
+                            QStringLiteral("Banned by administrator from script: %1").arg(recordName()));
     close();
 }
 

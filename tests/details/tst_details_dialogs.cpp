@@ -130,122 +130,188 @@ void DetailsDialogsTest::recordIsShown_data()
                            {QStringLiteral("likes"), likes}};
     };
     QTest::newRow("zero downloads hidden, views and likes abbreviated")
-            << int(Records::Script) << counts(0, 1500, 2500000) << "statsLabel" << "text" << "1.5K views • 2.5M likes";
+            << int(Records::Script) << counts(0, 1500, 2500000) << "statsLabel"
+            << "text"
+            << "1.5K views • 2.5M likes";
     QTest::newRow("environment counts installs") << int(Records::Environment) << counts(1200, 0, 7) << "statsLabel"
-                                                 << "text" << "1.2K installs • 7 likes";
-    QTest::newRow("nothing counted") << int(Records::Weights) << counts(0, 0, 0) << "statsLabel" << "text" << "";
+                                                 << "text"
+                                                 << "1.2K installs • 7 likes";
+    QTest::newRow("nothing counted") << int(Records::Weights) << counts(0, 0, 0) << "statsLabel"
+                                     << "text"
+                                     << "";
 
     const QJsonObject date{{QStringLiteral("created"), QStringLiteral("2024-03-05T10:00:00Z")}};
-    QTest::newRow("version as the string 2") << int(Records::Script)
-                                             << QJsonObject{{QStringLiteral("version"), QStringLiteral("2")}}
-                                             << "versionDateLabel" << "text" << "v2.00 • Mar 5, 2024";
+    QTest::newRow("version as the string 2")
+            << int(Records::Script) << QJsonObject{{QStringLiteral("version"), QStringLiteral("2")}}
+            << "versionDateLabel"
+            << "text"
+            << "v2.00 • Mar 5, 2024";
     QTest::newRow("version 0 shows only the date")
-            << int(Records::Script) << QJsonObject{{QStringLiteral("version"), 0}} << "versionDateLabel" << "text"
+            << int(Records::Script) << QJsonObject{{QStringLiteral("version"), 0}} << "versionDateLabel"
+            << "text"
             << "Mar 5, 2024";
     QTest::newRow("version absent shows only the date")
-            << int(Records::Weights) << QJsonObject{{QStringLiteral("version"), QJsonValue::Null}}
-            << "versionDateLabel" << "text" << "Mar 5, 2024";
+            << int(Records::Weights) << QJsonObject{{QStringLiteral("version"), QJsonValue::Null}} << "versionDateLabel"
+            << "text"
+            << "Mar 5, 2024";
     QTest::newRow("invalid date shows only the version")
             << int(Records::Script)
             << QJsonObject{{QStringLiteral("version"), 1.5}, {QStringLiteral("created"), QStringLiteral("yesterday")}}
-            << "versionDateLabel" << "text" << "v1.50 • ";
-    QTest::newRow("environments show no version") << int(Records::Environment)
-                                                  << QJsonObject{{QStringLiteral("version"), 3}} << "versionDateLabel"
-                                                  << "text" << "Mar 5, 2024";
+            << "versionDateLabel"
+            << "text"
+            << "v1.50 • ";
+    QTest::newRow("environments show no version")
+            << int(Records::Environment) << QJsonObject{{QStringLiteral("version"), 3}} << "versionDateLabel"
+            << "text"
+            << "Mar 5, 2024";
 
     QTest::newRow("type py") << int(Records::Script) << QJsonObject{{QStringLiteral("type"), QStringLiteral("py")}}
-                             << "typeBadge" << "text" << "PYTHON";
+                             << "typeBadge"
+                             << "text"
+                             << "PYTHON";
     QTest::newRow("type gpc3") << int(Records::Script) << QJsonObject{{QStringLiteral("type"), QStringLiteral("gpc3")}}
-                               << "typeBadge" << "text" << "GPC3";
+                               << "typeBadge"
+                               << "text"
+                               << "GPC3";
 
-    const auto size = [](qint64 bytes) { return QJsonObject{{QStringLiteral("size"), bytes}}; };
-    QTest::newRow("size 1572864") << int(Records::Weights) << size(1572864) << "sizeBadge" << "text" << "1.5 MB";
-    QTest::newRow("size 1023") << int(Records::Weights) << size(1023) << "sizeBadge" << "text" << "1023 B";
-    QTest::newRow("size 1024") << int(Records::Weights) << size(1024) << "sizeBadge" << "text" << "1.0 KB";
-    QTest::newRow("size 0 hidden") << int(Records::Weights) << size(0) << "sizeBadge" << "visible" << "no";
+    const auto size = [](qint64 bytes) {
+        return QJsonObject{{QStringLiteral("size"), bytes}};
+    };
+    QTest::newRow("size 1572864") << int(Records::Weights) << size(1572864) << "sizeBadge"
+                                  << "text"
+                                  << "1.5 MB";
+    QTest::newRow("size 1023") << int(Records::Weights) << size(1023) << "sizeBadge"
+                               << "text"
+                               << "1023 B";
+    QTest::newRow("size 1024") << int(Records::Weights) << size(1024) << "sizeBadge"
+                               << "text"
+                               << "1.0 KB";
+    QTest::newRow("size 0 hidden") << int(Records::Weights) << size(0) << "sizeBadge"
+                                   << "visible"
+                                   << "no";
 
     const QJsonObject encryptedAsInteger{{QStringLiteral("is_encrypted"), 1}};
-    QTest::newRow("is_encrypted 1 badge") << int(Records::Weights) << encryptedAsInteger << "typeBadge" << "text"
+    QTest::newRow("is_encrypted 1 badge") << int(Records::Weights) << encryptedAsInteger << "typeBadge"
+                                          << "text"
                                           << "ENNX";
     QTest::newRow("is_encrypted 1 warning") << int(Records::Weights) << encryptedAsInteger << "encryptedLabel"
-                                            << "visible" << "yes";
-    QTest::newRow("is_encrypted false") << int(Records::Weights)
-                                        << QJsonObject{{QStringLiteral("is_encrypted"), false}} << "typeBadge"
-                                        << "text" << "ONNX";
+                                            << "visible"
+                                            << "yes";
+    QTest::newRow("is_encrypted false") << int(Records::Weights) << QJsonObject{{QStringLiteral("is_encrypted"), false}}
+                                        << "typeBadge"
+                                        << "text"
+                                        << "ONNX";
 
-    QTest::newRow("no qenv_metadata: python") << int(Records::Environment) << QJsonObject() << "pythonBadge" << "text"
+    QTest::newRow("no qenv_metadata: python") << int(Records::Environment) << QJsonObject() << "pythonBadge"
+                                              << "text"
                                               << "Python 3.x";
-    QTest::newRow("no qenv_metadata: package count") << int(Records::Environment) << QJsonObject()
-                                                     << "packageCountBadge" << "text" << "0 packages";
+    QTest::newRow("no qenv_metadata: package count")
+            << int(Records::Environment) << QJsonObject() << "packageCountBadge"
+            << "text"
+            << "0 packages";
     QTest::newRow("no qenv_metadata: packages box") << int(Records::Environment) << QJsonObject() << "packagesBox"
-                                                    << "visible" << "no";
-    QTest::newRow("no qenv_metadata: cuda") << int(Records::Environment) << QJsonObject() << "cudaLabel" << "visible"
+                                                    << "visible"
+                                                    << "no";
+    QTest::newRow("no qenv_metadata: cuda") << int(Records::Environment) << QJsonObject() << "cudaLabel"
+                                            << "visible"
                                             << "no";
-    const QJsonObject metadata{
-            {QStringLiteral("qenv_metadata"),
-             QJsonObject{{QStringLiteral("python"), QStringLiteral("3.11")},
-                         {QStringLiteral("package_count"), 2},
-                         {QStringLiteral("packages"), QJsonArray{QStringLiteral("numpy==1.26.4"), QStringLiteral("torch")}},
-                         {QStringLiteral("cuda"), QStringLiteral("12.1")}}}};
-    QTest::newRow("packages listed") << int(Records::Environment) << metadata << "packagesList" << "text"
+    const QJsonObject metadata{{QStringLiteral("qenv_metadata"),
+                                QJsonObject{{QStringLiteral("python"), QStringLiteral("3.11")},
+                                            {QStringLiteral("package_count"), 2},
+                                            {QStringLiteral("packages"),
+                                             QJsonArray{QStringLiteral("numpy==1.26.4"), QStringLiteral("torch")}},
+                                            {QStringLiteral("cuda"), QStringLiteral("12.1")}}}};
+    QTest::newRow("packages listed") << int(Records::Environment) << metadata << "packagesList"
+                                     << "text"
                                      << "numpy==1.26.4,torch";
-    QTest::newRow("cuda line") << int(Records::Environment) << metadata << "cudaLabel" << "text"
+    QTest::newRow("cuda line") << int(Records::Environment) << metadata << "cudaLabel"
+                               << "text"
                                << "\U0001F3AE CUDA: 12.1";
 
     QTest::newRow("private badge") << int(Records::Script)
                                    << QJsonObject{{QStringLiteral("visibility_type"), QStringLiteral("private")}}
-                                   << "statusBadge" << "text" << "PRIVATE";
-    QTest::newRow("purchasable badge") << int(Records::Weights)
-                                       << QJsonObject{{QStringLiteral("visibility_type"), QStringLiteral("purchasable")}}
-                                       << "statusBadge" << "text" << "LOCKED";
-    QTest::newRow("public has no badge") << int(Records::Script) << QJsonObject() << "statusBadge" << "visible" << "no";
+                                   << "statusBadge"
+                                   << "text"
+                                   << "PRIVATE";
+    QTest::newRow("purchasable badge") << int(
+            Records::Weights) << QJsonObject{{QStringLiteral("visibility_type"), QStringLiteral("purchasable")}}
+                                       << "statusBadge"
+                                       << "text"
+                                       << "LOCKED";
+    QTest::newRow("public has no badge") << int(Records::Script) << QJsonObject() << "statusBadge"
+                                         << "visible"
+                                         << "no";
     QTest::newRow("locked script tool tip")
             << int(Records::Script)
             << QJsonObject{{QStringLiteral("visibility_type"), QStringLiteral("purchasable")},
                            {QStringLiteral("can_download"), false}}
-            << "downloadButton" << "toolTip" << "This script is locked. Contact the author for access.";
+            << "downloadButton"
+            << "toolTip"
+            << "This script is locked. Contact the author for access.";
     QTest::newRow("private environment cannot be installed")
             << int(Records::Environment)
             << QJsonObject{{QStringLiteral("visibility_type"), QStringLiteral("private")},
                            {QStringLiteral("can_download"), false}}
-            << "installButton" << "enabled" << "no";
+            << "installButton"
+            << "enabled"
+            << "no";
     QTest::newRow("private weights tool tip")
             << int(Records::Weights)
             << QJsonObject{{QStringLiteral("visibility_type"), QStringLiteral("private")},
                            {QStringLiteral("can_download"), false}}
-            << "downloadButton" << "toolTip" << "These weights are private. You need authorization from the author.";
-    QTest::newRow("can_download absent") << int(Records::Script) << QJsonObject() << "downloadButton" << "enabled"
+            << "downloadButton"
+            << "toolTip"
+            << "These weights are private. You need authorization from the author.";
+    QTest::newRow("can_download absent") << int(Records::Script) << QJsonObject() << "downloadButton"
+                                         << "enabled"
                                          << "yes";
 
     QTest::newRow("empty description") << int(Records::Script)
                                        << QJsonObject{{QStringLiteral("description"), QString()}} << "descriptionView"
-                                       << "text" << "No description provided";
+                                       << "text"
+                                       << "No description provided";
     QTest::newRow("description lines and markup")
             << int(Records::Environment)
             << QJsonObject{{QStringLiteral("description"),
                             QStringLiteral("<b>Fast</b>\nsecond<img src=\"http://127.0.0.1:1/x.png\"> line")}}
-            << "descriptionView" << "text" << "Fast\nsecond line";
-    QTest::newRow("no instructions") << int(Records::Script) << QJsonObject() << "instructionsBox" << "visible"
+            << "descriptionView"
+            << "text"
+            << "Fast\nsecond line";
+    QTest::newRow("no instructions") << int(Records::Script) << QJsonObject() << "instructionsBox"
+                                     << "visible"
                                      << "no";
     QTest::newRow("instructions") << int(Records::Script)
                                   << QJsonObject{{QStringLiteral("instructions"), QStringLiteral("Hold L2\nthen R2")}}
-                                  << "instructionsBox" << "visible" << "yes";
-    QTest::newRow("tags") << int(Records::Script) << QJsonObject() << "tagsLabel" << "text" << "#fps  #aim";
+                                  << "instructionsBox"
+                                  << "visible"
+                                  << "yes";
+    QTest::newRow("tags") << int(Records::Script) << QJsonObject() << "tagsLabel"
+                          << "text"
+                          << "#fps  #aim";
     QTest::newRow("own disclaimer") << int(Records::Script)
                                     << QJsonObject{{QStringLiteral("disclaimer"), QStringLiteral("Mine.")}}
-                                    << "disclaimerLabel" << "text" << "Mine.";
-    QTest::newRow("author as plain string") << int(Records::Script)
-                                            << QJsonObject{{QStringLiteral("author"), QStringLiteral("legacy")}}
-                                            << "authorLabel" << "text" << "by legacy";
+                                    << "disclaimerLabel"
+                                    << "text"
+                                    << "Mine.";
+    QTest::newRow("author as plain string")
+            << int(Records::Script) << QJsonObject{{QStringLiteral("author"), QStringLiteral("legacy")}}
+            << "authorLabel"
+            << "text"
+            << "by legacy";
     QTest::newRow("author by name") << int(Records::Weights)
                                     << QJsonObject{{QStringLiteral("author"),
                                                     QJsonObject{{QStringLiteral("name"), QStringLiteral("Named")}}}}
-                                    << "authorLabel" << "text" << "by Named";
-    QTest::newRow("script title") << int(Records::Script) << QJsonObject() << "window" << "text"
+                                    << "authorLabel"
+                                    << "text"
+                                    << "by Named";
+    QTest::newRow("script title") << int(Records::Script) << QJsonObject() << "window"
+                                  << "text"
                                   << "Script Details - Anti-Recoil Pro";
-    QTest::newRow("environment title") << int(Records::Environment) << QJsonObject() << "window" << "text"
+    QTest::newRow("environment title") << int(Records::Environment) << QJsonObject() << "window"
+                                       << "text"
                                        << "Environment Details - Anti-Recoil Pro";
-    QTest::newRow("weights title") << int(Records::Weights) << QJsonObject() << "window" << "text"
+    QTest::newRow("weights title") << int(Records::Weights) << QJsonObject() << "window"
+                                   << "text"
                                    << "ONNX Weights - Anti-Recoil Pro";
 }
 
@@ -268,9 +334,12 @@ void DetailsDialogsTest::loadingStateHidesThePreviousRecord_data()
     QTest::addColumn<int>("kind");
     QTest::addColumn<QString>("title");
     QTest::addColumn<QString>("action");
-    QTest::newRow("script") << int(Records::Script) << "Loading Script Details..." << "downloadButton";
-    QTest::newRow("environment") << int(Records::Environment) << "Loading Environment Details..." << "installButton";
-    QTest::newRow("weights") << int(Records::Weights) << "Loading ONNX Weights Details..." << "downloadButton";
+    QTest::newRow("script") << int(Records::Script) << "Loading Script Details..."
+                            << "downloadButton";
+    QTest::newRow("environment") << int(Records::Environment) << "Loading Environment Details..."
+                                 << "installButton";
+    QTest::newRow("weights") << int(Records::Weights) << "Loading ONNX Weights Details..."
+                             << "downloadButton";
 }
 
 void DetailsDialogsTest::loadingStateHidesThePreviousRecord()
@@ -281,9 +350,9 @@ void DetailsDialogsTest::loadingStateHidesThePreviousRecord()
 
     auto dialog = dialogFor(kind);
     dialog->setCurrentUser(owner(), false);
-    dialog->setRecord(Records::record(Records::Kind(kind),
-                                      {{QStringLiteral("visibility_type"), QStringLiteral("private")},
-                                       {QStringLiteral("is_encrypted"), true}}));
+    dialog->setRecord(
+            Records::record(Records::Kind(kind), {{QStringLiteral("visibility_type"), QStringLiteral("private")},
+                                                  {QStringLiteral("is_encrypted"), true}}));
     dialog->showLoadingState();
 
     QCOMPARE(dialog->windowTitle(), title);
@@ -315,12 +384,12 @@ void DetailsDialogsTest::ownerButtonsFollowUserAndVisibility_data()
     const QJsonObject lockedRecord{{QStringLiteral("visibility_type"), QStringLiteral("purchasable")}};
     const QJsonObject olderPrivateForm{{QStringLiteral("visibility_type"), QJsonValue::Null},
                                        {QStringLiteral("is_public"), false}};
-    const QJsonObject adminOwned{{QStringLiteral("visibility_type"), QStringLiteral("private")},
-                                 {QStringLiteral("author"),
-                                  QJsonObject{{QStringLiteral("username"), QStringLiteral("mod")},
-                                              {QStringLiteral("discordId"), administrator()}}}};
-    const QJsonObject noDiscordId{{QStringLiteral("author"),
-                                   QJsonObject{{QStringLiteral("username"), QStringLiteral("ghost")}}}};
+    const QJsonObject adminOwned{
+            {QStringLiteral("visibility_type"), QStringLiteral("private")},
+            {QStringLiteral("author"), QJsonObject{{QStringLiteral("username"), QStringLiteral("mod")},
+                                                   {QStringLiteral("discordId"), administrator()}}}};
+    const QJsonObject noDiscordId{
+            {QStringLiteral("author"), QJsonObject{{QStringLiteral("username"), QStringLiteral("ghost")}}}};
     const QJsonObject plainAuthor{{QStringLiteral("author"), QStringLiteral("legacy")}};
     const QString stranger = QString::fromLatin1(Records::strangerDiscordId);
 
@@ -328,30 +397,29 @@ void DetailsDialogsTest::ownerButtonsFollowUserAndVisibility_data()
     QTest::newRow("owner, private") << int(Records::Script) << owner() << false << privateRecord << false << "DM";
     QTest::newRow("owner, purchasable") << int(Records::Environment) << owner() << false << lockedRecord << false
                                         << "DM";
-    QTest::newRow("owner, is_public false") << int(Records::Weights) << owner() << false << olderPrivateForm << false
-                                            << "DM";
+    QTest::newRow("owner, is_public false")
+            << int(Records::Weights) << owner() << false << olderPrivateForm << false << "DM";
     QTest::newRow("owner, while loading") << int(Records::Script) << owner() << false << privateRecord << true << "";
-    QTest::newRow("administrator, public") << int(Records::Script) << administrator() << true << QJsonObject()
-                                           << false << "DB";
-    QTest::newRow("administrator, private") << int(Records::Weights) << administrator() << true << privateRecord
-                                            << false << "DMB";
-    QTest::newRow("administrator viewing their own") << int(Records::Script) << administrator() << true << adminOwned
-                                                     << false << "DM";
-    QTest::newRow("administrator, author without Discord ID") << int(Records::Environment) << administrator()
-                                                              << true << noDiscordId << false << "D";
-    QTest::newRow("administrator, plain-string author") << int(Records::Script) << administrator() << true
-                                                        << plainAuthor << false << "D";
-    QTest::newRow("administrator, while loading") << int(Records::Weights) << administrator() << true
-                                                  << privateRecord << true << "";
+    QTest::newRow("administrator, public")
+            << int(Records::Script) << administrator() << true << QJsonObject() << false << "DB";
+    QTest::newRow("administrator, private")
+            << int(Records::Weights) << administrator() << true << privateRecord << false << "DMB";
+    QTest::newRow("administrator viewing their own")
+            << int(Records::Script) << administrator() << true << adminOwned << false << "DM";
+    QTest::newRow("administrator, author without Discord ID")
+            << int(Records::Environment) << administrator() << true << noDiscordId << false << "D";
+    QTest::newRow("administrator, plain-string author")
+            << int(Records::Script) << administrator() << true << plainAuthor << false << "D";
+    QTest::newRow("administrator, while loading")
+            << int(Records::Weights) << administrator() << true << privateRecord << true << "";
     QTest::newRow("stranger, public") << int(Records::Script) << stranger << false << QJsonObject() << false << "";
     QTest::newRow("stranger, private") << int(Records::Environment) << stranger << false << privateRecord << false
                                        << "";
-    QTest::newRow("stranger, author without Discord ID") << int(Records::Script) << stranger << false << noDiscordId
-                                                         << false << "";
-    QTest::newRow("signed out, private") << int(Records::Script) << QString() << false << privateRecord << false
-                                         << "";
-    QTest::newRow("signed out administrator flag") << int(Records::Script) << QString() << true << privateRecord
-                                                   << false << "";
+    QTest::newRow("stranger, author without Discord ID")
+            << int(Records::Script) << stranger << false << noDiscordId << false << "";
+    QTest::newRow("signed out, private") << int(Records::Script) << QString() << false << privateRecord << false << "";
+    QTest::newRow("signed out administrator flag")
+            << int(Records::Script) << QString() << true << privateRecord << false << "";
 }
 
 void DetailsDialogsTest::ownerButtonsFollowUserAndVisibility()
@@ -412,12 +480,12 @@ void DetailsDialogsTest::destructiveActionsAskFirst_data()
     const QString deleteSignal = QStringLiteral(SIGNAL(deleteRequested(QString)));
     const QString banSignal = QStringLiteral(SIGNAL(banAuthorRequested(QString, QString)));
     const QStringList id{QStringLiteral("res-1")};
-    const QString encryptedWarning = QStringLiteral(
-            "This action will permanently revoke access for ALL users.\n\n"
-            "• Users who downloaded these weights will no longer be able to use them\n"
-            "• Built engine caches (.eecache) will stop working\n"
-            "• Decryption keys are server-validated and will be rejected\n"
-            "• This cannot be undone\n\nAre you sure you want to delete these weights?");
+    const QString encryptedWarning
+            = QStringLiteral("This action will permanently revoke access for ALL users.\n\n"
+                             "• Users who downloaded these weights will no longer be able to use them\n"
+                             "• Built engine caches (.eecache) will stop working\n"
+                             "• Decryption keys are server-validated and will be rejected\n"
+                             "• This cannot be undone\n\nAre you sure you want to delete these weights?");
 
     QTest::newRow("delete script, yes") << int(Records::Script) << false << "deleteButton" << true << "Delete Script"
                                         << "Are you sure you want to delete this script?"
@@ -570,8 +638,8 @@ void DetailsDialogsTest::headerImageOrPlaceholder_data()
                 QJsonObject{{QStringLiteral("url"), server.url(QStringLiteral("/thumb.png")).toString()}});
 
     QTest::newRow("header preferred") << both << png << 200 << "/header.png" << true;
-    QTest::newRow("thumbnail when no header") << image(QStringLiteral("thumbnail"), QStringLiteral("/thumb.png"))
-                                              << png << 200 << "/thumb.png" << true;
+    QTest::newRow("thumbnail when no header")
+            << image(QStringLiteral("thumbnail"), QStringLiteral("/thumb.png")) << png << 200 << "/thumb.png" << true;
     QTest::newRow("server error") << image(QStringLiteral("header"), QStringLiteral("/header.png")) << png << 404
                                   << "/header.png" << false;
     QTest::newRow("undecodable bytes") << image(QStringLiteral("header"), QStringLiteral("/header.png"))

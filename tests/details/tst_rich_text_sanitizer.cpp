@@ -23,11 +23,14 @@ void RichTextSanitizerTest::keepsHarmlessMarkupAndDropsTheRest_data()
     QTest::addColumn<QString>("input");
     QTest::addColumn<QString>("expected");
 
-    QTest::newRow("plain text") << "Smooth recoil control" << "Smooth recoil control";
+    QTest::newRow("plain text") << "Smooth recoil control"
+                                << "Smooth recoil control";
     QTest::newRow("emphasis") << "<b>bold</b> <i>it</i> <em>em</em> <strong>s</strong> <u>u</u>"
                               << "<b>bold</b> <i>it</i> <em>em</em> <strong>s</strong> <u>u</u>";
-    QTest::newRow("upper-case tags") << "<B>x</B><BR>" << "<b>x</b><br>";
-    QTest::newRow("paragraphs and breaks") << "<p>one</p><p>two<br/>three</p>" << "<p>one</p><p>two<br>three</p>";
+    QTest::newRow("upper-case tags") << "<B>x</B><BR>"
+                                     << "<b>x</b><br>";
+    QTest::newRow("paragraphs and breaks") << "<p>one</p><p>two<br/>three</p>"
+                                           << "<p>one</p><p>two<br>three</p>";
     QTest::newRow("lists") << "<ul><li>a</li><li>b</li></ul><ol><li>c</li></ol>"
                            << "<ul><li>a</li><li>b</li></ul><ol><li>c</li></ol>";
     QTest::newRow("attributes stripped") << "<p style=\"color:red\" class=\"warn\" onclick=\"x()\">hi</p>"
@@ -35,38 +38,60 @@ void RichTextSanitizerTest::keepsHarmlessMarkupAndDropsTheRest_data()
     QTest::newRow("fake warning in big red text")
             << "<font size=\"7\" color=\"red\"><span style=\"font-size:40pt\">SYSTEM WARNING</span></font>"
             << "SYSTEM WARNING";
-    QTest::newRow("headings lose their size") << "<h1>Title</h1>text" << "<p>Title</p>text";
-    QTest::newRow("image dropped") << "before<img src=\"http://evil.example/x.png\">after" << "beforeafter";
-    QTest::newRow("table flattened") << "<table><tr><td>cell</td></tr></table>" << "cell";
+    QTest::newRow("headings lose their size") << "<h1>Title</h1>text"
+                                              << "<p>Title</p>text";
+    QTest::newRow("image dropped") << "before<img src=\"http://evil.example/x.png\">after"
+                                   << "beforeafter";
+    QTest::newRow("table flattened") << "<table><tr><td>cell</td></tr></table>"
+                                     << "cell";
     QTest::newRow("fake button") << "<a href=\"https://x.example\" style=\"background:#5865F2\"><button>Install"
                                     "</button></a>"
                                  << "<a href=\"https://x.example\">Install</a>";
-    QTest::newRow("script with content") << "a<script>alert('x')</script>b" << "ab";
-    QTest::newRow("style with content") << "a<style>p{color:red}</style>b" << "ab";
-    QTest::newRow("unterminated script eats the rest") << "a<script>alert(1)" << "a";
-    QTest::newRow("comment") << "a<!-- <b>hidden</b> -->b" << "ab";
-    QTest::newRow("nested and misnested") << "<b><i>x</b>y</i>" << "<b><i>x</i></b>y";
-    QTest::newRow("unclosed tags are closed") << "<ul><li><b>open" << "<ul><li><b>open</b></li></ul>";
-    QTest::newRow("stray closing tag") << "x</b></p>y" << "xy";
-    QTest::newRow("unterminated tag is text") << "a <b class=\"x" << "a &lt;b class=&quot;x";
-    QTest::newRow("less-than in text") << "1 < 2 > 0" << "1 &lt; 2 &gt; 0";
-    QTest::newRow("entities kept") << "&amp; &lt;b&gt; &#169; &#x263A; &nbsp;" << "&amp; &lt;b&gt; &#169; &#x263A; &nbsp;";
-    QTest::newRow("bare ampersand escaped") << "R&D & more" << "R&amp;D &amp; more";
+    QTest::newRow("script with content") << "a<script>alert('x')</script>b"
+                                         << "ab";
+    QTest::newRow("style with content") << "a<style>p{color:red}</style>b"
+                                        << "ab";
+    QTest::newRow("unterminated script eats the rest") << "a<script>alert(1)"
+                                                       << "a";
+    QTest::newRow("comment") << "a<!-- <b>hidden</b> -->b"
+                             << "ab";
+    QTest::newRow("nested and misnested") << "<b><i>x</b>y</i>"
+                                          << "<b><i>x</i></b>y";
+    QTest::newRow("unclosed tags are closed") << "<ul><li><b>open"
+                                              << "<ul><li><b>open</b></li></ul>";
+    QTest::newRow("stray closing tag") << "x</b></p>y"
+                                       << "xy";
+    QTest::newRow("unterminated tag is text") << "a <b class=\"x"
+                                              << "a &lt;b class=&quot;x";
+    QTest::newRow("less-than in text") << "1 < 2 > 0"
+                                       << "1 &lt; 2 &gt; 0";
+    QTest::newRow("entities kept") << "&amp; &lt;b&gt; &#169; &#x263A; &nbsp;"
+                                   << "&amp; &lt;b&gt; &#169; &#x263A; &nbsp;";
+    QTest::newRow("bare ampersand escaped") << "R&D & more"
+                                            << "R&amp;D &amp; more";
     QTest::newRow("quoted greater-than inside a tag") << "<a href=\"https://x.example/?a=1>2\">l</a>"
-                                                     << "<a href=\"https://x.example/?a=1%3E2\">l</a>";
+                                                      << "<a href=\"https://x.example/?a=1%3E2\">l</a>";
     QTest::newRow("web link") << "<a href='http://x.example/p?q=1&amp;r=2' target=\"_blank\">go</a>"
                               << "<a href=\"http://x.example/p?q=1&amp;r=2\">go</a>";
-    QTest::newRow("javascript link") << "<a href=\"javascript:alert(1)\">x</a>" << "x";
-    QTest::newRow("javascript link hidden by entities") << "<a href=\"jav&#x61;script:alert(1)\">x</a>" << "x";
-    QTest::newRow("javascript link behind blanks") << "<a href=\"  JavaScript:alert(1)\">x</a>" << "x";
-    QTest::newRow("data link") << "<a href=\"data:text/html,<b>x</b>\">x</a>" << "x";
-    QTest::newRow("file link") << "<a href=\"file:///etc/passwd\">x</a>" << "x";
-    QTest::newRow("relative link") << "<a href=\"/api/scripts/delete\">x</a>" << "x";
-    QTest::newRow("link without address") << "<a name=\"top\">x</a>" << "x";
+    QTest::newRow("javascript link") << "<a href=\"javascript:alert(1)\">x</a>"
+                                     << "x";
+    QTest::newRow("javascript link hidden by entities") << "<a href=\"jav&#x61;script:alert(1)\">x</a>"
+                                                        << "x";
+    QTest::newRow("javascript link behind blanks") << "<a href=\"  JavaScript:alert(1)\">x</a>"
+                                                   << "x";
+    QTest::newRow("data link") << "<a href=\"data:text/html,<b>x</b>\">x</a>"
+                               << "x";
+    QTest::newRow("file link") << "<a href=\"file:///etc/passwd\">x</a>"
+                               << "x";
+    QTest::newRow("relative link") << "<a href=\"/api/scripts/delete\">x</a>"
+                                   << "x";
+    QTest::newRow("link without address") << "<a name=\"top\">x</a>"
+                                          << "x";
     QTest::newRow("nested link ends the outer one")
             << "<a href=\"https://a.example\">1<a href=\"https://b.example\">2</a>3</a>"
             << "<a href=\"https://a.example\">12</a>3";
-    QTest::newRow("line breaks as the dialog sends them") << "line one<br>line two" << "line one<br>line two";
+    QTest::newRow("line breaks as the dialog sends them") << "line one<br>line two"
+                                                          << "line one<br>line two";
 }
 
 void RichTextSanitizerTest::keepsHarmlessMarkupAndDropsTheRest()
