@@ -19,6 +19,7 @@ class QTimer;
 
 namespace Quorix {
 
+class DetailsDialogs;
 class OnlineResourcesAPI;
 class OnlineResourcesPlugin;
 class OnnxCard;
@@ -128,6 +129,8 @@ private:
     void stretchAfter(int lastRow, int columns);
     QString temporaryDownloadDirectory() const;
     void showAuthenticationRequired();
+    void connectDetailsDialogs();
+    void rememberLike(const QString &id, bool liked);
 
     OnlineResourcesAPI *apiClient = nullptr;
     QPointer<PluginHost> pluginHost;
@@ -164,6 +167,7 @@ private:
     QTimer *loadingTimer = nullptr;
     QTimer *safetyTimer = nullptr;
     ScreenTargetOpener *targetOpener = nullptr;
+    DetailsDialogs *detailsDialogs = nullptr;
 };
 
 } // namespace Quorix
