@@ -17,7 +17,6 @@ const QString headerColour = QStringLiteral("#1a5f3e");
 QenvDetailsDialog::QenvDetailsDialog(QWidget *parent)
     : ResourceDetailsDialog(environmentPresentation(), parent)
 {
-    typeBadgeLabel()->setText(QStringLiteral("QENV"));
     typeBadgeLabel()->setStyleSheet(QStringLiteral(
             "QLabel { border: 1px solid #666; border-radius: 4px; padding: 2px 10px; font-weight: bold; }"));
     pythonBadge = createBadge(QStringLiteral("pythonBadge"),
@@ -37,11 +36,11 @@ QenvDetailsDialog::QenvDetailsDialog(QWidget *parent)
 
     packagesBox = new QGroupBox(tr("Included Packages"), this);
     packagesBox->setObjectName(QStringLiteral("packagesBox"));
-    packagesBox->setStyleSheet(QStringLiteral("QGroupBox { margin: 1px; padding: 1px; border-radius: 3px; }"));
+    packagesBox->setStyleSheet(groupBoxStyle());
     auto *packagesLayout = new QVBoxLayout(packagesBox);
+    packagesLayout->setContentsMargins(6, 4, 6, 6);
     packagesList = new QListWidget(packagesBox);
     packagesList->setObjectName(QStringLiteral("packagesList"));
-    packagesList->setMaximumHeight(150);
     packagesLayout->addWidget(packagesList);
     packagesBox->hide();
     addSection(packagesBox);
@@ -120,6 +119,7 @@ void QenvDetailsDialog::onMainActionClicked()
 
 void QenvDetailsDialog::fillKindDetails(const QJsonObject &record)
 {
+    typeBadgeLabel()->setText(QStringLiteral("QENV"));
     const QJsonObject metadata = record.value(QLatin1String("qenv_metadata")).toObject();
     pythonBadge->setText(tr("Python %1").arg(metadata.value(QLatin1String("python")).toString(QStringLiteral("3.x"))));
     pythonBadge->show();
@@ -131,6 +131,10 @@ void QenvDetailsDialog::fillKindDetails(const QJsonObject &record)
     for (const QJsonValue &package : packages)
         packagesList->addItem(package.toString());
     packagesBox->setVisible(!packages.isEmpty());
+    // As tall as the list, up to the box's limit, so a short list does not push the rest out of view.
+    const int rows = int(packages.size());
+    const int rowHeight = rows > 0 ? packagesList->sizeHintForRow(0) : 0;
+    packagesList->setFixedHeight(std::min(150, rows * rowHeight + 2 * packagesList->frameWidth() + 4));
 
     const QString cuda = metadata.value(QLatin1String("cuda")).toString();
     cudaLabel->setText(tr("\U0001F3AE CUDA: %1").arg(cuda));

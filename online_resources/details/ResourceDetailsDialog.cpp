@@ -40,6 +40,18 @@ constexpr int headerHeight = 200;
 constexpr qreal headerCornerRadius = 8;
 constexpr int copiedFeedbackMilliseconds = 2000;
 
+} // namespace
+
+// The title gets room above the frame; without it the frame line runs through the title's lower half.
+QString ResourceDetailsDialog::groupBoxStyle()
+{
+    return QStringLiteral("QGroupBox { margin: 1px; padding: 1px; border-radius: 3px; } "
+                          "QGroupBox { margin-top: 1.2em; } "
+                          "QGroupBox::title { subcontrol-origin: margin; subcontrol-position: top left; left: 4px; }");
+}
+
+namespace {
+
 QString statusBadgeStyle(const QString &colour)
 {
     return QStringLiteral("QLabel { background-color: %1; color: white; border-radius: 3px; font-size: 7pt; "
@@ -47,22 +59,22 @@ QString statusBadgeStyle(const QString &colour)
             .arg(colour);
 }
 
-// Crops the picture to fill the header, at the screen's pixel density, with the header's rounded corners.
+// Fits the whole picture into the header, centred, at the screen's pixel density, with the header's rounded
+// corners: headers are drawn with their text near the edges, so cropping would cut it off.
 QPixmap headerPixmap(const QImage &image, qreal ratio)
 {
     const QSize target(int(headerWidth * ratio), int(headerHeight * ratio));
-    QImage scaled = image.scaled(target, Qt::KeepAspectRatioByExpanding, Qt::SmoothTransformation);
-    scaled = scaled.copy((scaled.width() - target.width()) / 2, (scaled.height() - target.height()) / 2, target.width(),
-                         target.height());
+    const QImage scaled = image.scaled(target, Qt::KeepAspectRatio, Qt::SmoothTransformation);
+    const QRectF placed(QPointF((target.width() - scaled.width()) / 2.0, (target.height() - scaled.height()) / 2.0),
+                        QSizeF(scaled.size()));
     QPixmap pixmap(target);
     pixmap.fill(Qt::transparent);
     QPainter painter(&pixmap);
     painter.setRenderHint(QPainter::Antialiasing);
     QPainterPath corners;
-    corners.addRoundedRect(QRectF(QPointF(0, 0), QSizeF(target)), headerCornerRadius * ratio,
-                           headerCornerRadius * ratio);
+    corners.addRoundedRect(placed, headerCornerRadius * ratio, headerCornerRadius * ratio);
     painter.setClipPath(corners);
-    painter.drawImage(0, 0, scaled);
+    painter.drawImage(placed.topLeft(), scaled);
     painter.end();
     pixmap.setDevicePixelRatio(ratio);
     return pixmap;
@@ -196,6 +208,8 @@ void ResourceDetailsDialog::buildLayout()
     closeButton->setObjectName(QStringLiteral("closeButton"));
     closeButton->setStyleSheet(QStringLiteral("QPushButton { padding: 5px 12px; }"));
     closeButton->setMinimumHeight(32);
+    // Focus and Enter go to Close rather than to the first button in the row, which is Author.
+    closeButton->setDefault(true);
     buttons->addWidget(closeButton);
     outer->addLayout(buttons);
 }
@@ -226,8 +240,9 @@ QPushButton *ResourceDetailsDialog::createIconButton(const QString &iconPath, co
 QGroupBox *ResourceDetailsDialog::createTextBox(const QString &title, const QString &objectName, QTextBrowser *&view)
 {
     auto *box = new QGroupBox(title, this);
-    box->setStyleSheet(QStringLiteral("QGroupBox { margin: 1px; padding: 1px; border-radius: 3px; }"));
+    box->setStyleSheet(groupBoxStyle());
     auto *layout = new QVBoxLayout(box);
+    layout->setContentsMargins(6, 4, 6, 6);
     view = new QTextBrowser(box);
     view->setObjectName(objectName);
     view->setReadOnly(true);
@@ -262,10 +277,13 @@ void ResourceDetailsDialog::showLoadingState()
     statusBadge->hide();
     statsLabel->clear();
     versionDateLabel->clear();
+    // The placeholders take the smallest height, not whatever room the layout has left.
     descriptionView->setPlainText(tr("Loading description..."));
+    descriptionView->setFixedHeight(60);
     if (instructionsBox) {
         instructionsBox->setVisible(true);
         instructionsView->setPlainText(tr("Loading instructions..."));
+        instructionsView->setFixedHeight(60);
     }
     if (tagsLabel)
         tagsLabel->clear();

@@ -74,6 +74,7 @@ protected:
     void addSection(QWidget *section);
     QLabel *typeBadgeLabel() const;
     QLabel *createBadge(const QString &objectName, const QString &styleSheet);
+    static QString groupBoxStyle();
 
     const QJsonObject &record() const;
     QString recordName() const;

@@ -169,6 +169,9 @@ void DetailsDialogsTest::recordIsShown_data()
                              << "typeBadge"
                              << "text"
                              << "PYTHON";
+    QTest::newRow("environment badge after loading") << int(Records::Environment) << QJsonObject() << "typeBadge"
+                                                     << "text"
+                                                     << "QENV";
     QTest::newRow("type gpc3") << int(Records::Script) << QJsonObject{{QStringLiteral("type"), QStringLiteral("gpc3")}}
                                << "typeBadge"
                                << "text"
