@@ -118,7 +118,6 @@ private slots:
     void replyAfterTheDialogClosedIsIgnored();
     void detailsFailuresAreReported_data();
     void detailsFailuresAreReported();
-    void likingInTheDialogUpdatesDialogAndCard();
 
 private:
     std::unique_ptr<OnlineResourcesWidget> openPage(int kind, const QJsonArray &items);
@@ -265,34 +264,27 @@ void DetailsBrowserTest::detailsFailuresAreReported_data()
     QTest::addColumn<QString>("title");
     QTest::addColumn<QString>("text");
     QTest::addColumn<bool>("reloads");
+    const auto row = [](const char *name, int kind, int status, const char *serverError, const char *title,
+                        const char *text, bool reloads) {
+        QTest::newRow(name) << kind << status << QString(serverError) << QString(title) << QString(text) << reloads;
+    };
+    const int script = Records::Script, environment = Records::Environment, weights = Records::Weights;
+    const char *failed = "Failed to Load Details";
 
-    QTest::newRow("script not found") << int(Records::Script) << 404 << "Script not found"
-                                      << "Script Not Found"
-                                      << "This script could not be found on the server.\nIt may have been deleted "
-                                         "or is no longer accessible."
-                                      << true;
-    QTest::newRow("script server error") << int(Records::Script) << 500 << "boom"
-                                         << "Failed to Load Details"
-                                         << "Could not load script details. Please try again." << false;
-    QTest::newRow("script refused") << int(Records::Script) << 200 << "Database locked"
-                                    << "Failed to Load Details"
-                                    << "Could not load script details. Please try again." << false;
-    QTest::newRow("environment not found") << int(Records::Environment) << 404 << "gone"
-                                           << "Environment Not Found"
-                                           << "This environment could not be found on the server.\nIt may have been "
-                                              "deleted or is no longer accessible."
-                                           << true;
-    QTest::newRow("environment refused") << int(Records::Environment) << 200 << "busy"
-                                         << "Failed to Load Details"
-                                         << "Could not load environment details. Please try again." << false;
-    QTest::newRow("weights not found") << int(Records::Weights) << 200 << "Weights not found (404)"
-                                       << "Weights Not Found"
-                                       << "These weights could not be found on the server.\nThey may have been "
-                                          "deleted or are no longer accessible."
-                                       << true;
-    QTest::newRow("weights refused") << int(Records::Weights) << 200 << "busy"
-                                     << "Failed to Load Details"
-                                     << "Could not load weights details. Please try again." << false;
+    row("script not found", script, 404, "Script not found", "Script Not Found",
+        "This script could not be found on the server.\nIt may have been deleted or is no longer accessible.", true);
+    row("script server error", script, 500, "boom", failed, "Could not load script details. Please try again.", false);
+    row("script refused", script, 200, "Database locked", failed, "Could not load script details. Please try again.",
+        false);
+    row("environment not found", environment, 404, "gone", "Environment Not Found",
+        "This environment could not be found on the server.\nIt may have been deleted or is no longer accessible.",
+        true);
+    row("environment refused", environment, 200, "busy", failed,
+        "Could not load environment details. Please try again.", false);
+    row("weights not found", weights, 200, "Weights not found (404)", "Weights Not Found",
+        "These weights could not be found on the server.\nThey may have been deleted or are no longer accessible.",
+        true);
+    row("weights refused", weights, 200, "busy", failed, "Could not load weights details. Please try again.", false);
 }
 
 void DetailsBrowserTest::detailsFailuresAreReported()
@@ -322,28 +314,6 @@ void DetailsBrowserTest::detailsFailuresAreReported()
         QTRY_COMPARE(requestsTo(paths.listPath), listsBefore + 1);
     else
         QCOMPARE(requestsTo(paths.listPath), listsBefore);
-}
-
-void DetailsBrowserTest::likingInTheDialogUpdatesDialogAndCard()
-{
-    server.setRule(QStringLiteral("/api/scripts/qenv/details/a1"),
-                   details(item(Records::Environment, QStringLiteral("a1"))));
-    server.setRule(QStringLiteral("/api/scripts/qenv/like/a1"),
-                   ScriptedResponse::json({{QStringLiteral("success"), true},
-                                           {QStringLiteral("data"), QJsonObject{{QStringLiteral("liked"), true},
-                                                                                {QStringLiteral("like_count"), 4}}}}));
-    auto widget = openPage(Records::Environment, {item(Records::Environment, QStringLiteral("a1"))});
-    QVERIFY(widget);
-    QTest::mouseClick(card(widget.get(), QStringLiteral("a1")), Qt::LeftButton);
-    auto *dialog = widget->findChild<ResourceDetailsDialog *>();
-    QTRY_COMPARE(dialog->resourceId(), QStringLiteral("a1"));
-
-    auto *like = dialog->findChild<QPushButton *>(QStringLiteral("likeButton"));
-    like->click();
-    QTRY_COMPARE(like->text(), QStringLiteral("Unlike"));
-    QVERIFY(dialog->findChild<QLabel *>(QStringLiteral("statsLabel"))->text().endsWith(QLatin1String("4 likes")));
-    QCOMPARE(requestsTo(QStringLiteral("/api/scripts/qenv/like/a1")), 1);
-    QVERIFY(card(widget.get(), QStringLiteral("a1"))->isLiked());
 }
 
 QTEST_MAIN(DetailsBrowserTest)

@@ -97,7 +97,6 @@ private slots:
     void loadingStateHidesThePreviousRecord();
     void ownerButtonsFollowUserAndVisibility_data();
     void ownerButtonsFollowUserAndVisibility();
-    void likeStateUpdatesButtonAndCounters();
     void destructiveActionsAskFirst_data();
     void destructiveActionsAskFirst();
     void copyingTheMentionTwiceRestoresTheLabelOnce();
@@ -123,199 +122,65 @@ void DetailsDialogsTest::recordIsShown_data()
     QTest::addColumn<QString>("widget");
     QTest::addColumn<QString>("aspect");
     QTest::addColumn<QString>("expected");
-
-    const auto counts = [](int downloads, int views, int likes) {
-        return QJsonObject{{QStringLiteral("downloads"), downloads},
-                           {QStringLiteral("views"), views},
-                           {QStringLiteral("likes"), likes}};
+    const auto row = [](const char *name, int kind, const QJsonObject &changes, const char *widget, const char *aspect,
+                        const QString &expected) {
+        QTest::newRow(name) << kind << changes << QString(widget) << QString(aspect) << expected;
     };
-    QTest::newRow("zero downloads hidden, views and likes abbreviated")
-            << int(Records::Script) << counts(0, 1500, 2500000) << "statsLabel"
-            << "text"
-            << "1.5K views • 2.5M likes";
-    QTest::newRow("environment counts installs") << int(Records::Environment) << counts(1200, 0, 7) << "statsLabel"
-                                                 << "text"
-                                                 << "1.2K installs • 7 likes";
-    QTest::newRow("nothing counted") << int(Records::Weights) << counts(0, 0, 0) << "statsLabel"
-                                     << "text"
-                                     << "";
+    const int script = Records::Script, environment = Records::Environment, weights = Records::Weights;
 
-    const QJsonObject date{{QStringLiteral("created"), QStringLiteral("2024-03-05T10:00:00Z")}};
-    QTest::newRow("version as the string 2")
-            << int(Records::Script) << QJsonObject{{QStringLiteral("version"), QStringLiteral("2")}}
-            << "versionDateLabel"
-            << "text"
-            << "v2.00 • Mar 5, 2024";
-    QTest::newRow("version 0 shows only the date")
-            << int(Records::Script) << QJsonObject{{QStringLiteral("version"), 0}} << "versionDateLabel"
-            << "text"
-            << "Mar 5, 2024";
-    QTest::newRow("version absent shows only the date")
-            << int(Records::Weights) << QJsonObject{{QStringLiteral("version"), QJsonValue::Null}} << "versionDateLabel"
-            << "text"
-            << "Mar 5, 2024";
-    QTest::newRow("invalid date shows only the version")
-            << int(Records::Script)
-            << QJsonObject{{QStringLiteral("version"), 1.5}, {QStringLiteral("created"), QStringLiteral("yesterday")}}
-            << "versionDateLabel"
-            << "text"
-            << "v1.50 • ";
-    QTest::newRow("environments show no version")
-            << int(Records::Environment) << QJsonObject{{QStringLiteral("version"), 3}} << "versionDateLabel"
-            << "text"
-            << "Mar 5, 2024";
+    const QJsonObject counts{{"downloads", 0}, {"views", 1500}, {"likes", 2500000}};
+    row("zero downloads hidden, others abbreviated", script, counts, "statsLabel", "text", "1.5K views • 2.5M likes");
+    row("environments count installs", environment, {{"downloads", 1200}, {"views", 0}, {"likes", 7}}, "statsLabel",
+        "text", "1.2K installs • 7 likes");
 
-    QTest::newRow("type py") << int(Records::Script) << QJsonObject{{QStringLiteral("type"), QStringLiteral("py")}}
-                             << "typeBadge"
-                             << "text"
-                             << "PYTHON";
-    QTest::newRow("environment badge after loading") << int(Records::Environment) << QJsonObject() << "typeBadge"
-                                                     << "text"
-                                                     << "QENV";
-    QTest::newRow("type gpc3") << int(Records::Script) << QJsonObject{{QStringLiteral("type"), QStringLiteral("gpc3")}}
-                               << "typeBadge"
-                               << "text"
-                               << "GPC3";
+    row("version as the string 2", script, {{"version", "2"}}, "versionDateLabel", "text", "v2.00 • Mar 5, 2024");
+    row("version 0", script, {{"version", 0}}, "versionDateLabel", "text", "Mar 5, 2024");
+    row("version absent", weights, {{"version", QJsonValue::Null}}, "versionDateLabel", "text", "Mar 5, 2024");
+    row("invalid date", script, {{"version", 1.5}, {"created", "yesterday"}}, "versionDateLabel", "text", "v1.50 • ");
+    row("environments show no version", environment, {{"version", 3}}, "versionDateLabel", "text", "Mar 5, 2024");
 
-    const auto size = [](qint64 bytes) {
-        return QJsonObject{{QStringLiteral("size"), bytes}};
-    };
-    QTest::newRow("size 1572864") << int(Records::Weights) << size(1572864) << "sizeBadge"
-                                  << "text"
-                                  << "1.5 MB";
-    QTest::newRow("size 1023") << int(Records::Weights) << size(1023) << "sizeBadge"
-                               << "text"
-                               << "1023 B";
-    QTest::newRow("size 1024") << int(Records::Weights) << size(1024) << "sizeBadge"
-                               << "text"
-                               << "1.0 KB";
-    QTest::newRow("size 0 hidden") << int(Records::Weights) << size(0) << "sizeBadge"
-                                   << "visible"
-                                   << "no";
+    row("type py", script, {{"type", "py"}}, "typeBadge", "text", "PYTHON");
+    row("type gpc3", script, {{"type", "gpc3"}}, "typeBadge", "text", "GPC3");
+    row("environment badge after loading", environment, {}, "typeBadge", "text", "QENV");
 
-    const QJsonObject encryptedAsInteger{{QStringLiteral("is_encrypted"), 1}};
-    QTest::newRow("is_encrypted 1 badge") << int(Records::Weights) << encryptedAsInteger << "typeBadge"
-                                          << "text"
-                                          << "ENNX";
-    QTest::newRow("is_encrypted 1 warning") << int(Records::Weights) << encryptedAsInteger << "encryptedLabel"
-                                            << "visible"
-                                            << "yes";
-    QTest::newRow("is_encrypted false") << int(Records::Weights) << QJsonObject{{QStringLiteral("is_encrypted"), false}}
-                                        << "typeBadge"
-                                        << "text"
-                                        << "ONNX";
+    row("size 1572864", weights, {{"size", 1572864}}, "sizeBadge", "text", "1.5 MB");
+    row("size 1023", weights, {{"size", 1023}}, "sizeBadge", "text", "1023 B");
+    row("size 1024", weights, {{"size", 1024}}, "sizeBadge", "text", "1.0 KB");
+    row("size 0", weights, {{"size", 0}}, "sizeBadge", "visible", "no");
+    row("is_encrypted 1: badge", weights, {{"is_encrypted", 1}}, "typeBadge", "text", "ENNX");
+    row("is_encrypted 1: warning", weights, {{"is_encrypted", 1}}, "encryptedLabel", "visible", "yes");
+    row("not encrypted", weights, {{"is_encrypted", false}}, "encryptedLabel", "visible", "no");
 
-    QTest::newRow("no qenv_metadata: python") << int(Records::Environment) << QJsonObject() << "pythonBadge"
-                                              << "text"
-                                              << "Python 3.x";
-    QTest::newRow("no qenv_metadata: package count")
-            << int(Records::Environment) << QJsonObject() << "packageCountBadge"
-            << "text"
-            << "0 packages";
-    QTest::newRow("no qenv_metadata: packages box") << int(Records::Environment) << QJsonObject() << "packagesBox"
-                                                    << "visible"
-                                                    << "no";
-    QTest::newRow("no qenv_metadata: cuda") << int(Records::Environment) << QJsonObject() << "cudaLabel"
-                                            << "visible"
-                                            << "no";
-    const QJsonObject metadata{{QStringLiteral("qenv_metadata"),
-                                QJsonObject{{QStringLiteral("python"), QStringLiteral("3.11")},
-                                            {QStringLiteral("package_count"), 2},
-                                            {QStringLiteral("packages"),
-                                             QJsonArray{QStringLiteral("numpy==1.26.4"), QStringLiteral("torch")}},
-                                            {QStringLiteral("cuda"), QStringLiteral("12.1")}}}};
-    QTest::newRow("packages listed") << int(Records::Environment) << metadata << "packagesList"
-                                     << "text"
-                                     << "numpy==1.26.4,torch";
-    QTest::newRow("cuda line") << int(Records::Environment) << metadata << "cudaLabel"
-                               << "text"
-                               << "\U0001F3AE CUDA: 12.1";
+    row("no qenv_metadata: python", environment, {}, "pythonBadge", "text", "Python 3.x");
+    row("no qenv_metadata: package count", environment, {}, "packageCountBadge", "text", "0 packages");
+    row("no qenv_metadata: packages box", environment, {}, "packagesBox", "visible", "no");
+    row("no qenv_metadata: cuda", environment, {}, "cudaLabel", "visible", "no");
+    const QJsonObject metadata{
+            {"qenv_metadata", QJsonObject{{"packages", QJsonArray{"numpy==1.26.4", "torch"}}, {"cuda", "12.1"}}}};
+    row("packages listed", environment, metadata, "packagesList", "text", "numpy==1.26.4,torch");
+    row("cuda line", environment, metadata, "cudaLabel", "text", "\U0001F3AE CUDA: 12.1");
 
-    QTest::newRow("private badge") << int(Records::Script)
-                                   << QJsonObject{{QStringLiteral("visibility_type"), QStringLiteral("private")}}
-                                   << "statusBadge"
-                                   << "text"
-                                   << "PRIVATE";
-    QTest::newRow("purchasable badge") << int(
-            Records::Weights) << QJsonObject{{QStringLiteral("visibility_type"), QStringLiteral("purchasable")}}
-                                       << "statusBadge"
-                                       << "text"
-                                       << "LOCKED";
-    QTest::newRow("public has no badge") << int(Records::Script) << QJsonObject() << "statusBadge"
-                                         << "visible"
-                                         << "no";
-    QTest::newRow("locked script tool tip")
-            << int(Records::Script)
-            << QJsonObject{{QStringLiteral("visibility_type"), QStringLiteral("purchasable")},
-                           {QStringLiteral("can_download"), false}}
-            << "downloadButton"
-            << "toolTip"
-            << "This script is locked. Contact the author for access.";
-    QTest::newRow("private environment cannot be installed")
-            << int(Records::Environment)
-            << QJsonObject{{QStringLiteral("visibility_type"), QStringLiteral("private")},
-                           {QStringLiteral("can_download"), false}}
-            << "installButton"
-            << "enabled"
-            << "no";
-    QTest::newRow("private weights tool tip")
-            << int(Records::Weights)
-            << QJsonObject{{QStringLiteral("visibility_type"), QStringLiteral("private")},
-                           {QStringLiteral("can_download"), false}}
-            << "downloadButton"
-            << "toolTip"
-            << "These weights are private. You need authorization from the author.";
-    QTest::newRow("can_download absent") << int(Records::Script) << QJsonObject() << "downloadButton"
-                                         << "enabled"
-                                         << "yes";
+    row("private badge", script, {{"visibility_type", "private"}}, "statusBadge", "text", "PRIVATE");
+    row("purchasable badge", weights, {{"visibility_type", "purchasable"}}, "statusBadge", "text", "LOCKED");
+    row("public has no badge", script, {}, "statusBadge", "visible", "no");
+    row("locked script", script, {{"visibility_type", "purchasable"}, {"can_download", false}}, "downloadButton",
+        "toolTip", "This script is locked. Contact the author for access.");
+    row("private environment", environment, {{"visibility_type", "private"}, {"can_download", false}}, "installButton",
+        "enabled", "no");
+    row("private weights", weights, {{"visibility_type", "private"}, {"can_download", false}}, "downloadButton",
+        "toolTip", "These weights are private. You need authorization from the author.");
 
-    QTest::newRow("empty description") << int(Records::Script)
-                                       << QJsonObject{{QStringLiteral("description"), QString()}} << "descriptionView"
-                                       << "text"
-                                       << "No description provided";
-    QTest::newRow("description lines and markup")
-            << int(Records::Environment)
-            << QJsonObject{{QStringLiteral("description"),
-                            QStringLiteral("<b>Fast</b>\nsecond<img src=\"http://127.0.0.1:1/x.png\"> line")}}
-            << "descriptionView"
-            << "text"
-            << "Fast\nsecond line";
-    QTest::newRow("no instructions") << int(Records::Script) << QJsonObject() << "instructionsBox"
-                                     << "visible"
-                                     << "no";
-    QTest::newRow("instructions") << int(Records::Script)
-                                  << QJsonObject{{QStringLiteral("instructions"), QStringLiteral("Hold L2\nthen R2")}}
-                                  << "instructionsBox"
-                                  << "visible"
-                                  << "yes";
-    QTest::newRow("tags") << int(Records::Script) << QJsonObject() << "tagsLabel"
-                          << "text"
-                          << "#fps  #aim";
-    QTest::newRow("own disclaimer") << int(Records::Script)
-                                    << QJsonObject{{QStringLiteral("disclaimer"), QStringLiteral("Mine.")}}
-                                    << "disclaimerLabel"
-                                    << "text"
-                                    << "Mine.";
-    QTest::newRow("author as plain string")
-            << int(Records::Script) << QJsonObject{{QStringLiteral("author"), QStringLiteral("legacy")}}
-            << "authorLabel"
-            << "text"
-            << "by legacy";
-    QTest::newRow("author by name") << int(Records::Weights)
-                                    << QJsonObject{{QStringLiteral("author"),
-                                                    QJsonObject{{QStringLiteral("name"), QStringLiteral("Named")}}}}
-                                    << "authorLabel"
-                                    << "text"
-                                    << "by Named";
-    QTest::newRow("script title") << int(Records::Script) << QJsonObject() << "window"
-                                  << "text"
-                                  << "Script Details - Anti-Recoil Pro";
-    QTest::newRow("environment title") << int(Records::Environment) << QJsonObject() << "window"
-                                       << "text"
-                                       << "Environment Details - Anti-Recoil Pro";
-    QTest::newRow("weights title") << int(Records::Weights) << QJsonObject() << "window"
-                                   << "text"
-                                   << "ONNX Weights - Anti-Recoil Pro";
+    row("empty description", script, {{"description", ""}}, "descriptionView", "text", "No description provided");
+    row("description lines and markup", environment,
+        {{"description", "<b>Fast</b>\nsecond<img src=\"http://127.0.0.1:1/x.png\"> line"}}, "descriptionView", "text",
+        "Fast\nsecond line");
+    row("no instructions", script, {}, "instructionsBox", "visible", "no");
+    row("instructions", script, {{"instructions", "Hold L2\nthen R2"}}, "instructionsBox", "visible", "yes");
+    row("tags", script, {}, "tagsLabel", "text", "#fps  #aim");
+    row("own disclaimer", script, {{"disclaimer", "Mine."}}, "disclaimerLabel", "text", "Mine.");
+    row("author as plain string", script, {{"author", "legacy"}}, "authorLabel", "text", "by legacy");
+    row("script title", script, {}, "window", "text", "Script Details - Anti-Recoil Pro");
+    row("weights title", weights, {}, "window", "text", "ONNX Weights - Anti-Recoil Pro");
 }
 
 void DetailsDialogsTest::recordIsShown()
@@ -381,48 +246,35 @@ void DetailsDialogsTest::ownerButtonsFollowUserAndVisibility_data()
     QTest::addColumn<bool>("isAdministrator");
     QTest::addColumn<QJsonObject>("changes");
     QTest::addColumn<bool>("loading");
-    QTest::addColumn<QString>("expected"); // visible buttons: Delete, Manage access, Ban
+    QTest::addColumn<QString>("expected"); // visible: Delete, Manage access, Ban
+    const auto row = [](const char *name, int kind, const QString &user, bool isAdministrator,
+                        const QJsonObject &changes, bool loading, const char *expected) {
+        QTest::newRow(name) << kind << user << isAdministrator << changes << loading << QString(expected);
+    };
+    const int script = Records::Script, environment = Records::Environment, weights = Records::Weights;
+    const QString stranger = Records::strangerDiscordId;
+    const QJsonObject isPrivate{{"visibility_type", "private"}};
+    const QJsonObject adminOwned{{"visibility_type", "private"},
+                                 {"author", QJsonObject{{"username", "mod"}, {"discordId", administrator()}}}};
+    const QJsonObject noDiscordId{{"author", QJsonObject{{"username", "ghost"}}}};
 
-    const QJsonObject privateRecord{{QStringLiteral("visibility_type"), QStringLiteral("private")}};
-    const QJsonObject lockedRecord{{QStringLiteral("visibility_type"), QStringLiteral("purchasable")}};
-    const QJsonObject olderPrivateForm{{QStringLiteral("visibility_type"), QJsonValue::Null},
-                                       {QStringLiteral("is_public"), false}};
-    const QJsonObject adminOwned{
-            {QStringLiteral("visibility_type"), QStringLiteral("private")},
-            {QStringLiteral("author"), QJsonObject{{QStringLiteral("username"), QStringLiteral("mod")},
-                                                   {QStringLiteral("discordId"), administrator()}}}};
-    const QJsonObject noDiscordId{
-            {QStringLiteral("author"), QJsonObject{{QStringLiteral("username"), QStringLiteral("ghost")}}}};
-    const QJsonObject plainAuthor{{QStringLiteral("author"), QStringLiteral("legacy")}};
-    const QString stranger = QString::fromLatin1(Records::strangerDiscordId);
-
-    QTest::newRow("owner, public") << int(Records::Script) << owner() << false << QJsonObject() << false << "D";
-    QTest::newRow("owner, private") << int(Records::Script) << owner() << false << privateRecord << false << "DM";
-    QTest::newRow("owner, purchasable") << int(Records::Environment) << owner() << false << lockedRecord << false
-                                        << "DM";
-    QTest::newRow("owner, is_public false")
-            << int(Records::Weights) << owner() << false << olderPrivateForm << false << "DM";
-    QTest::newRow("owner, while loading") << int(Records::Script) << owner() << false << privateRecord << true << "";
-    QTest::newRow("administrator, public")
-            << int(Records::Script) << administrator() << true << QJsonObject() << false << "DB";
-    QTest::newRow("administrator, private")
-            << int(Records::Weights) << administrator() << true << privateRecord << false << "DMB";
-    QTest::newRow("administrator viewing their own")
-            << int(Records::Script) << administrator() << true << adminOwned << false << "DM";
-    QTest::newRow("administrator, author without Discord ID")
-            << int(Records::Environment) << administrator() << true << noDiscordId << false << "D";
-    QTest::newRow("administrator, plain-string author")
-            << int(Records::Script) << administrator() << true << plainAuthor << false << "D";
-    QTest::newRow("administrator, while loading")
-            << int(Records::Weights) << administrator() << true << privateRecord << true << "";
-    QTest::newRow("stranger, public") << int(Records::Script) << stranger << false << QJsonObject() << false << "";
-    QTest::newRow("stranger, private") << int(Records::Environment) << stranger << false << privateRecord << false
-                                       << "";
-    QTest::newRow("stranger, author without Discord ID")
-            << int(Records::Script) << stranger << false << noDiscordId << false << "";
-    QTest::newRow("signed out, private") << int(Records::Script) << QString() << false << privateRecord << false << "";
-    QTest::newRow("signed out administrator flag")
-            << int(Records::Script) << QString() << true << privateRecord << false << "";
+    row("owner, public", script, owner(), false, {}, false, "D");
+    row("owner, private", script, owner(), false, isPrivate, false, "DM");
+    row("owner, purchasable", environment, owner(), false, {{"visibility_type", "purchasable"}}, false, "DM");
+    row("owner, is_public false", weights, owner(), false,
+        {{"visibility_type", QJsonValue::Null}, {"is_public", false}}, false, "DM");
+    row("owner, while loading", script, owner(), false, isPrivate, true, "");
+    row("administrator, public", script, administrator(), true, {}, false, "DB");
+    row("administrator, private", weights, administrator(), true, isPrivate, false, "DMB");
+    row("administrator viewing their own", script, administrator(), true, adminOwned, false, "DM");
+    row("administrator, author without Discord ID", environment, administrator(), true, noDiscordId, false, "D");
+    row("administrator, plain-string author", script, administrator(), true, {{"author", "legacy"}}, false, "D");
+    row("administrator, while loading", weights, administrator(), true, isPrivate, true, "");
+    row("stranger, public", script, stranger, false, {}, false, "");
+    row("stranger, private", environment, stranger, false, isPrivate, false, "");
+    row("stranger, author without Discord ID", script, stranger, false, noDiscordId, false, "");
+    row("signed out", script, QString(), false, isPrivate, false, "");
+    row("signed out with the administrator flag", script, QString(), true, isPrivate, false, "");
 }
 
 void DetailsDialogsTest::ownerButtonsFollowUserAndVisibility()
@@ -451,85 +303,54 @@ void DetailsDialogsTest::ownerButtonsFollowUserAndVisibility()
     QCOMPARE(visible, expected);
 }
 
-void DetailsDialogsTest::likeStateUpdatesButtonAndCounters()
-{
-    auto dialog = dialogFor(Records::Script);
-    dialog->setRecord(Records::record(Records::Script));
-    QCOMPARE(button(dialog.get(), "likeButton")->text(), QStringLiteral("Like"));
-
-    dialog->setLikeState(true, 1200);
-    QCOMPARE(button(dialog.get(), "likeButton")->text(), QStringLiteral("Unlike"));
-    QCOMPARE(shown(dialog.get(), QStringLiteral("statsLabel"), QStringLiteral("text")),
-             QStringLiteral("12 downloads • 40 views • 1.2K likes"));
-
-    dialog->setLikeState(false, 0);
-    QCOMPARE(button(dialog.get(), "likeButton")->text(), QStringLiteral("Like"));
-    QCOMPARE(shown(dialog.get(), QStringLiteral("statsLabel"), QStringLiteral("text")),
-             QStringLiteral("12 downloads • 40 views"));
-}
-
 void DetailsDialogsTest::destructiveActionsAskFirst_data()
 {
     QTest::addColumn<int>("kind");
     QTest::addColumn<bool>("encrypted");
     QTest::addColumn<QString>("buttonName");
     QTest::addColumn<bool>("yes");
-    QTest::addColumn<QString>("title");
-    QTest::addColumn<QString>("text");
-    QTest::addColumn<QString>("informative");
+    QTest::addColumn<QStringList>("box"); // title, text, informative text
     QTest::addColumn<QString>("signal");
-    QTest::addColumn<QStringList>("arguments");
+    QTest::addColumn<QStringList>("arguments"); // empty when nothing may be emitted
+    const auto row = [](const char *name, int kind, bool encrypted, const char *button, bool yes,
+                        const QStringList &box, const char *signal, const QStringList &arguments) {
+        QTest::newRow(name) << kind << encrypted << QString(button) << yes << box << QString(signal) << arguments;
+    };
+    const int script = Records::Script, environment = Records::Environment, weights = Records::Weights;
+    const char *deleteSignal = SIGNAL(deleteRequested(QString));
+    const char *banSignal = SIGNAL(banAuthorRequested(QString, QString));
+    const QStringList id{"res-1"};
+    const QStringList deleteScript{"Delete Script", "Are you sure you want to delete this script?",
+                                   "The script will be deleted from the Online Resources."};
+    const QStringList deleteEncrypted{"Delete ONNX Weights", "⚠️ WARNING: Deleting encrypted weights!",
+                                      "This action will permanently revoke access for ALL users.\n\n"
+                                      "• Users who downloaded these weights will no longer be able to use them\n"
+                                      "• Built engine caches (.eecache) will stop working\n"
+                                      "• Decryption keys are server-validated and will be rejected\n"
+                                      "• This cannot be undone\n\nAre you sure you want to delete these weights?"};
+    const QStringList banOther{"Ban Author", "Are you sure you want to ban frame_perfect?",
+                               "This will prevent them from uploading any new content to Online Resources."};
 
-    const QString deleteSignal = QStringLiteral(SIGNAL(deleteRequested(QString)));
-    const QString banSignal = QStringLiteral(SIGNAL(banAuthorRequested(QString, QString)));
-    const QStringList id{QStringLiteral("res-1")};
-    const QString encryptedWarning
-            = QStringLiteral("This action will permanently revoke access for ALL users.\n\n"
-                             "• Users who downloaded these weights will no longer be able to use them\n"
-                             "• Built engine caches (.eecache) will stop working\n"
-                             "• Decryption keys are server-validated and will be rejected\n"
-                             "• This cannot be undone\n\nAre you sure you want to delete these weights?");
-
-    QTest::newRow("delete script, yes") << int(Records::Script) << false << "deleteButton" << true << "Delete Script"
-                                        << "Are you sure you want to delete this script?"
-                                        << "The script will be deleted from the Online Resources." << deleteSignal
-                                        << id;
-    QTest::newRow("delete script, no") << int(Records::Script) << false << "deleteButton" << false << "Delete Script"
-                                       << "Are you sure you want to delete this script?"
-                                       << "The script will be deleted from the Online Resources." << deleteSignal
-                                       << QStringList();
-    QTest::newRow("delete environment, yes")
-            << int(Records::Environment) << false << "deleteButton" << true << "Delete Environment"
-            << "Are you sure you want to delete this environment?"
-            << "The environment definition will be deleted from the Online Resources." << deleteSignal << id;
-    QTest::newRow("delete weights, yes") << int(Records::Weights) << false << "deleteButton" << true
-                                         << "Delete ONNX Weights"
-                                         << "Are you sure you want to delete these ONNX weights?"
-                                         << "The weights will be deleted from the Online Resources." << deleteSignal
-                                         << id;
-    QTest::newRow("delete encrypted weights, no")
-            << int(Records::Weights) << true << "deleteButton" << false << "Delete ONNX Weights"
-            << "⚠️ WARNING: Deleting encrypted weights!" << encryptedWarning << deleteSignal << QStringList();
-    QTest::newRow("delete encrypted weights, yes")
-            << int(Records::Weights) << true << "deleteButton" << true << "Delete ONNX Weights"
-            << "⚠️ WARNING: Deleting encrypted weights!" << encryptedWarning << deleteSignal << id;
-    QTest::newRow("ban script author, yes")
-            << int(Records::Script) << false << "banAuthorButton" << true << "Ban User"
-            << "Are you sure you want to ban frame_perfect?"
-            << "This will prevent them from uploading any new scripts or resources. Their existing uploads will "
-               "remain but be hidden from public listings."
-            << banSignal
-            << QStringList{owner(), QStringLiteral("Banned by administrator from script: Anti-Recoil Pro")};
-    QTest::newRow("ban environment author, no")
-            << int(Records::Environment) << false << "banAuthorButton" << false << "Ban Author"
-            << "Are you sure you want to ban frame_perfect?"
-            << "This will prevent them from uploading any new content to Online Resources." << banSignal
-            << QStringList();
-    QTest::newRow("ban weights author, yes")
-            << int(Records::Weights) << false << "banAuthorButton" << true << "Ban Author"
-            << "Are you sure you want to ban frame_perfect?"
-            << "This will prevent them from uploading any new content to Online Resources." << banSignal
-            << QStringList{owner(), QStringLiteral("Banned via admin action")};
+    row("delete script, yes", script, false, "deleteButton", true, deleteScript, deleteSignal, id);
+    row("delete script, no", script, false, "deleteButton", false, deleteScript, deleteSignal, {});
+    row("delete environment, yes", environment, false, "deleteButton", true,
+        {"Delete Environment", "Are you sure you want to delete this environment?",
+         "The environment definition will be deleted from the Online Resources."},
+        deleteSignal, id);
+    row("delete weights, yes", weights, false, "deleteButton", true,
+        {"Delete ONNX Weights", "Are you sure you want to delete these ONNX weights?",
+         "The weights will be deleted from the Online Resources."},
+        deleteSignal, id);
+    row("delete encrypted weights, no", weights, true, "deleteButton", false, deleteEncrypted, deleteSignal, {});
+    row("delete encrypted weights, yes", weights, true, "deleteButton", true, deleteEncrypted, deleteSignal, id);
+    row("ban script author, yes", script, false, "banAuthorButton", true,
+        {"Ban User", "Are you sure you want to ban frame_perfect?",
+         "This will prevent them from uploading any new scripts or resources. Their existing uploads will remain but "
+         "be hidden from public listings."},
+        banSignal, {owner(), "Banned by administrator from script: Anti-Recoil Pro"});
+    row("ban environment author, no", environment, false, "banAuthorButton", false, banOther, banSignal, {});
+    row("ban weights author, yes", weights, false, "banAuthorButton", true, banOther, banSignal,
+        {owner(), "Banned via admin action"});
 }
 
 void DetailsDialogsTest::destructiveActionsAskFirst()
@@ -538,9 +359,7 @@ void DetailsDialogsTest::destructiveActionsAskFirst()
     QFETCH(bool, encrypted);
     QFETCH(QString, buttonName);
     QFETCH(bool, yes);
-    QFETCH(QString, title);
-    QFETCH(QString, text);
-    QFETCH(QString, informative);
+    QFETCH(QStringList, box);
     QFETCH(QString, signal);
     QFETCH(QStringList, arguments);
 
@@ -555,10 +374,8 @@ void DetailsDialogsTest::destructiveActionsAskFirst()
     answerer.pressButton(yes ? QMessageBox::Yes : QMessageBox::No);
     dialog->findChild<QPushButton *>(buttonName)->click();
     QVERIFY(answerer.answered());
-    QCOMPARE(answerer.seenTitle(), title);
-    QCOMPARE(answerer.seenText(), text);
-    QCOMPARE(answerer.seenInformativeText(), informative);
-    QCOMPARE(answerer.seenButtons(), (QStringList{QStringLiteral("Yes"), QStringLiteral("No")}));
+    QCOMPARE((QStringList{answerer.seenTitle(), answerer.seenText(), answerer.seenInformativeText()}), box);
+    QCOMPARE(answerer.seenButtons(), (QStringList{"Yes", "No"}));
 
     if (arguments.isEmpty()) {
         QCOMPARE(requested.count(), 0);
@@ -597,7 +414,7 @@ void DetailsDialogsTest::copyingTheMentionTwiceRestoresTheLabelOnce()
 void DetailsDialogsTest::authorWithoutDiscordIdCopiesNothing()
 {
     auto dialog = dialogFor(Records::Script);
-    dialog->setRecord(Records::record(Records::Script, {{QStringLiteral("author"), QStringLiteral("legacy")}}));
+    dialog->setRecord(Records::record(Records::Script, {{"author", "legacy"}}));
     QApplication::clipboard()->setText(QStringLiteral("untouched"));
     button(dialog.get(), "authorButton")->click();
     QCOMPARE(QApplication::clipboard()->text(), QStringLiteral("untouched"));
@@ -633,20 +450,17 @@ void DetailsDialogsTest::headerImageOrPlaceholder_data()
     QTest::addColumn<bool>("picture");
 
     const QByteArray png = Records::pngBytes(Qt::red);
-    const auto image = [this](const QString &key, const QString &path) {
-        return QJsonObject{{key, QJsonObject{{QStringLiteral("url"), server.url(path).toString()}}}};
+    const auto image = [this](const char *key, const char *path) {
+        return QJsonObject{{key, QJsonObject{{"url", server.url(path).toString()}}}};
     };
-    QJsonObject both = image(QStringLiteral("header"), QStringLiteral("/header.png"));
-    both.insert(QStringLiteral("thumbnail"),
-                QJsonObject{{QStringLiteral("url"), server.url(QStringLiteral("/thumb.png")).toString()}});
+    QJsonObject both = image("header", "/header.png");
+    both.insert("thumbnail", image("thumbnail", "/thumb.png").value("thumbnail"));
 
     QTest::newRow("header preferred") << both << png << 200 << "/header.png" << true;
-    QTest::newRow("thumbnail when no header")
-            << image(QStringLiteral("thumbnail"), QStringLiteral("/thumb.png")) << png << 200 << "/thumb.png" << true;
-    QTest::newRow("server error") << image(QStringLiteral("header"), QStringLiteral("/header.png")) << png << 404
-                                  << "/header.png" << false;
-    QTest::newRow("undecodable bytes") << image(QStringLiteral("header"), QStringLiteral("/header.png"))
-                                       << QByteArray("not a picture") << 200 << "/header.png" << false;
+    QTest::newRow("thumbnail when no header") << image("thumbnail", "/thumb.png") << png << 200 << "/thumb.png" << true;
+    QTest::newRow("server error") << image("header", "/header.png") << png << 404 << "/header.png" << false;
+    QTest::newRow("undecodable bytes") << image("header", "/header.png") << QByteArray("not a picture") << 200
+                                       << "/header.png" << false;
     QTest::newRow("no address") << QJsonObject() << png << 200 << "" << false;
 }
 
@@ -662,7 +476,7 @@ void DetailsDialogsTest::headerImageOrPlaceholder()
     server.setDefaultResponse(ScriptedResponse::bytes(served, "image/png", status));
     auto dialog = dialogFor(Records::Weights);
     dialog->showLoadingState();
-    dialog->setRecord(Records::record(Records::Weights, {{QStringLiteral("images"), images}}));
+    dialog->setRecord(Records::record(Records::Weights, {{"images", images}}));
     auto *header = dialog->findChild<QLabel *>(QStringLiteral("headerImageLabel"));
 
     if (!requestedPath.isEmpty()) {
@@ -688,18 +502,15 @@ void DetailsDialogsTest::headerReplyForAReplacedRecordIsIgnored()
     server.setRule(QStringLiteral("/first.png"),
                    ScriptedResponse::bytes(Records::pngBytes(Qt::blue), "image/png").withDelay(600));
     server.setRule(QStringLiteral("/second.png"), ScriptedResponse::bytes(Records::pngBytes(Qt::green), "image/png"));
-    const auto withHeader = [this](const QString &id, const QString &path) {
-        return Records::record(Records::Script,
-                               {{QStringLiteral("id"), id},
-                                {QStringLiteral("images"),
-                                 QJsonObject{{QStringLiteral("header"),
-                                              QJsonObject{{QStringLiteral("url"), server.url(path).toString()}}}}}});
+    const auto withHeader = [this](const char *id, const char *path) {
+        const QJsonObject header{{"url", server.url(path).toString()}};
+        return Records::record(Records::Script, {{"id", id}, {"images", QJsonObject{{"header", header}}}});
     };
 
     auto dialog = dialogFor(Records::Script);
-    dialog->setRecord(withHeader(QStringLiteral("first"), QStringLiteral("/first.png")));
+    dialog->setRecord(withHeader("first", "/first.png"));
     QVERIFY(server.waitForRequests(1));
-    dialog->setRecord(withHeader(QStringLiteral("second"), QStringLiteral("/second.png")));
+    dialog->setRecord(withHeader("second", "/second.png"));
     // Both replies have arrived once both fetches have released their network managers.
     QTRY_VERIFY_WITH_TIMEOUT(dialog->findChildren<QNetworkAccessManager *>().isEmpty(), 5000);
     QCOMPARE(server.requestCount(), 2);
