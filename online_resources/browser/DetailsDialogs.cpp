@@ -6,6 +6,7 @@
 #include "details/ScriptDetailsDialog.h"
 
 #include <QMessageBox>
+#include <QRegularExpression>
 
 namespace Quorix {
 
@@ -69,7 +70,9 @@ DetailsDialogs::ErrorRoute DetailsDialogs::routeError(const QString &error)
         return ErrorRoute::Ignored;
     target->hide();
     awaitedIds[size_t(kind)].clear();
-    const bool notFound = error.contains(QLatin1String("404"));
+    // A 404 on its own: the message also carries the request's address, whose port may contain those digits.
+    static const QRegularExpression notFoundStatus(QStringLiteral("(?<!\\d)404(?!\\d)"));
+    const bool notFound = error.contains(notFoundStatus);
     reportFailure(kind, notFound);
     return notFound ? ErrorRoute::NotFound : ErrorRoute::Reported;
 }

@@ -276,6 +276,8 @@ void DetailsBrowserTest::detailsFailuresAreReported_data()
     row("script server error", script, 500, "boom", failed, "Could not load script details. Please try again.", false);
     row("script refused", script, 200, "Database locked", failed, "Could not load script details. Please try again.",
         false);
+    row("digits of a port are no 404", script, 200, "Upstream 127.0.0.1:40412 busy", failed,
+        "Could not load script details. Please try again.", false);
     row("environment not found", environment, 404, "gone", "Environment Not Found",
         "This environment could not be found on the server.\nIt may have been deleted or is no longer accessible.",
         true);
