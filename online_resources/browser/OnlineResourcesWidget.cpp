@@ -1,5 +1,6 @@
 #include "OnlineResourcesWidget.h"
 
+#include "DetailsDialogs.h"
 #include "OnnxCard.h"
 #include "QenvCard.h"
 #include "ResourceCard.h"
@@ -56,6 +57,7 @@ OnlineResourcesWidget::OnlineResourcesWidget(OnlineResourcesPlugin *, QWidget *p
 {
     buildLayout();
     connectApi();
+    connectDetailsDialogs();
     refreshUserControls();
 }
 
@@ -171,6 +173,19 @@ void OnlineResourcesWidget::connectApi()
             [this](const QString &uuid, const QString &filePath) { onWeightsDownloaded(filePath, uuid); });
     connect(apiClient, &Api::weightsDeleted, this, &OnlineResourcesWidget::onWeightsDeleted);
     connect(apiClient, &Api::weightsLikeToggled, this, &OnlineResourcesWidget::onWeightsLikeToggled);
+}
+
+void OnlineResourcesWidget::connectDetailsDialogs()
+{
+    detailsDialogs = new DetailsDialogs(this, apiClient);
+    connect(detailsDialogs, &DetailsDialogs::scriptDownloadRequested, this,
+            &OnlineResourcesWidget::onCardDownloadClicked);
+    connect(detailsDialogs, &DetailsDialogs::environmentInstallRequested, this,
+            &OnlineResourcesWidget::onQenvInstallClicked);
+    connect(detailsDialogs, &DetailsDialogs::weightsDownloadRequested, this,
+            &OnlineResourcesWidget::onOnnxDownloadClicked);
+    connect(detailsDialogs, &DetailsDialogs::manageAuthorizationsRequested, this,
+            &OnlineResourcesWidget::showAuthorizationManagement);
 }
 
 void OnlineResourcesWidget::setPluginHost(PluginHost *host)
@@ -324,7 +339,7 @@ void OnlineResourcesWidget::onUploadClicked()
 
 void OnlineResourcesWidget::onCardClicked(const QString &scriptId)
 {
-    apiClient->fetchScriptDetails(scriptId);
+    detailsDialogs->open(DetailsDialogs::Kind::Script, scriptId, lastDiscordId, isAdministrator());
 }
 
 void OnlineResourcesWidget::onCardDownloadClicked(const QString &scriptId)
@@ -372,19 +387,23 @@ void OnlineResourcesWidget::onScriptsLoaded(const QJsonObject &response)
         showGridMessage(tr("No scripts available - Be the first to upload!"));
 }
 
-void OnlineResourcesWidget::onScriptDetailsLoaded(const QJsonObject &) { }
+void OnlineResourcesWidget::onScriptDetailsLoaded(const QJsonObject &details)
+{
+    detailsDialogs->showDetails(DetailsDialogs::Kind::Script, details,
+                                likedScriptIds.contains(details.value(QLatin1String("id")).toVariant().toString()));
+}
 
+// A deleted resource may be on any page of the grid, which shows every kind outside the QENV and ONNX modes.
 void OnlineResourcesWidget::onScriptDeleted(const QString &)
 {
     resetPaging();
-    loadScripts();
+    loadFirstPage();
 }
 
 void OnlineResourcesWidget::onScriptLikeToggled(const QString &scriptId, bool liked, int likeCount)
 {
-    likedScriptIds.removeAll(scriptId);
-    if (liked)
-        likedScriptIds.append(scriptId);
+    rememberLike(scriptId, liked);
+    detailsDialogs->showLikeState(DetailsDialogs::Kind::Script, scriptId, liked, likeCount);
     for (ScriptCard *card : std::as_const(scriptCards)) {
         if (card->scriptId() != scriptId)
             continue;
@@ -412,8 +431,12 @@ void OnlineResourcesWidget::onUploadCompleted(const QString &)
 void OnlineResourcesWidget::onNetworkError(const QString &error)
 {
     finishLoading();
-    // Details failures belong to the details dialog that asked; with none open there is nobody to tell.
-    if (error.startsWith(QLatin1String("details_error:")) || error.startsWith(QLatin1String("envDetails_error:"))) {
+    const DetailsDialogs::ErrorRoute route = detailsDialogs->routeError(error);
+    if (route != DetailsDialogs::ErrorRoute::NotDetails) {
+        if (route == DetailsDialogs::ErrorRoute::NotFound) {
+            resetPaging();
+            loadFirstPage();
+        }
         emit errorOccurred(error);
         return;
     }
@@ -503,7 +526,7 @@ void OnlineResourcesWidget::showAuthorizationManagement(const QString &) { }
 
 void OnlineResourcesWidget::onQenvCardClicked(const QString &envId)
 {
-    apiClient->loadEnvironmentDetails(envId);
+    detailsDialogs->open(DetailsDialogs::Kind::Environment, envId, lastDiscordId, isAdministrator());
 }
 
 void OnlineResourcesWidget::onQenvInstallClicked(const QString &envId)
@@ -538,18 +561,24 @@ void OnlineResourcesWidget::onEnvironmentsLoaded(const QJsonObject &response)
         showGridMessage(tr("No environments available - Be the first to upload!"));
 }
 
-void OnlineResourcesWidget::onEnvironmentDetailsLoaded(const QJsonObject &) { }
+void OnlineResourcesWidget::onEnvironmentDetailsLoaded(const QJsonObject &details)
+{
+    detailsDialogs->showDetails(DetailsDialogs::Kind::Environment, details,
+                                likedScriptIds.contains(details.value(QLatin1String("id")).toVariant().toString()));
+}
 
 void OnlineResourcesWidget::onEnvironmentDeleted(const QString &)
 {
-    if (mode() != Mode::Environments)
+    if (mode() == Mode::Weights)
         return;
     resetPaging();
-    loadEnvironments();
+    loadFirstPage();
 }
 
 void OnlineResourcesWidget::onEnvironmentLikeToggled(const QString &envId, bool liked, int likeCount)
 {
+    rememberLike(envId, liked);
+    detailsDialogs->showLikeState(DetailsDialogs::Kind::Environment, envId, liked, likeCount);
     for (QenvCard *card : std::as_const(qenvCards)) {
         if (card->envId() != envId)
             continue;
@@ -561,7 +590,7 @@ void OnlineResourcesWidget::onEnvironmentLikeToggled(const QString &envId, bool 
 
 void OnlineResourcesWidget::onOnnxCardClicked(const QString &weightsId)
 {
-    apiClient->fetchWeightsDetails(weightsId);
+    detailsDialogs->open(DetailsDialogs::Kind::Weights, weightsId, lastDiscordId, isAdministrator());
 }
 
 void OnlineResourcesWidget::onOnnxDownloadClicked(const QString &weightsId)
@@ -594,20 +623,26 @@ void OnlineResourcesWidget::onWeightsLoaded(const QJsonObject &response)
         showGridMessage(tr("No weights available - Be the first to upload!"));
 }
 
-void OnlineResourcesWidget::onWeightsDetailsLoaded(const QJsonObject &) { }
+void OnlineResourcesWidget::onWeightsDetailsLoaded(const QJsonObject &details)
+{
+    detailsDialogs->showDetails(DetailsDialogs::Kind::Weights, details,
+                                likedScriptIds.contains(details.value(QLatin1String("id")).toVariant().toString()));
+}
 
 void OnlineResourcesWidget::onWeightsDownloaded(const QString &, const QString &) { }
 
 void OnlineResourcesWidget::onWeightsDeleted(const QString &)
 {
-    if (mode() != Mode::Weights)
+    if (mode() == Mode::Environments)
         return;
     resetPaging();
-    loadWeights();
+    loadFirstPage();
 }
 
 void OnlineResourcesWidget::onWeightsLikeToggled(const QString &weightsId, bool liked, int likeCount)
 {
+    rememberLike(weightsId, liked);
+    detailsDialogs->showLikeState(DetailsDialogs::Kind::Weights, weightsId, liked, likeCount);
     for (OnnxCard *card : std::as_const(onnxCards)) {
         if (card->weightsId() != weightsId)
             continue;
@@ -742,7 +777,7 @@ void OnlineResourcesWidget::onUserBanned(const QString &)
                              tr("The user has been banned from uploading. Their existing uploads are now hidden."),
                              QMessageBox::Ok);
     resetPaging();
-    loadScripts();
+    loadFirstPage();
 }
 
 void OnlineResourcesWidget::finishLoading()
@@ -872,6 +907,14 @@ int OnlineResourcesWidget::cardCount() const
 QString OnlineResourcesWidget::temporaryDownloadDirectory() const
 {
     return QStandardPaths::writableLocation(QStandardPaths::TempLocation);
+}
+
+// The liked set answers "liked?" for every kind when a card or a details dialog is filled.
+void OnlineResourcesWidget::rememberLike(const QString &id, bool liked)
+{
+    likedScriptIds.removeAll(id);
+    if (liked)
+        likedScriptIds.append(id);
 }
 
 void OnlineResourcesWidget::showAuthenticationRequired()

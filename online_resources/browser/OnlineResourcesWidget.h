@@ -19,6 +19,7 @@ class QTimer;
 
 namespace Quorix {
 
+class DetailsDialogs;
 class OnlineResourcesAPI;
 class OnlineResourcesPlugin;
 class OnnxCard;
@@ -130,6 +131,8 @@ private:
     QString temporaryDownloadDirectory() const;
     void showAuthenticationRequired();
     void publish(const QString &presetPath);
+    void connectDetailsDialogs();
+    void rememberLike(const QString &id, bool liked);
 
     OnlineResourcesAPI *apiClient = nullptr;
     QPointer<PluginHost> pluginHost;
@@ -168,6 +171,7 @@ private:
     QTimer *safetyTimer = nullptr;
     ScreenTargetOpener *targetOpener = nullptr;
     PublishFlow *publishFlow = nullptr;
+    DetailsDialogs *detailsDialogs = nullptr;
 };
 
 } // namespace Quorix

@@ -19,9 +19,26 @@ bool ScreenTargetOpener::open(const QString &target)
     const qsizetype colon = target.indexOf(QLatin1Char(':'));
     const QString kind = colon < 0 ? target : target.left(colon);
     const QString argument = colon < 0 ? QString() : target.mid(colon + 1);
+    if (kind == QLatin1String("script-details"))
+        return openDetails(Kind::Scripts, argument, "onCardClicked");
+    if (kind == QLatin1String("environment-details"))
+        return openDetails(Kind::Environments, argument, "onQenvCardClicked");
+    if (kind == QLatin1String("weights-details"))
+        return openDetails(Kind::Weights, argument, "onOnnxCardClicked");
     if (kind == QLatin1String("publish"))
         return openPublish(argument);
     return false;
+}
+
+// Goes through the page's own card-click slot, so the screenshot shows exactly what a click shows.
+bool ScreenTargetOpener::openDetails(Kind kind, const QString &name, const char *clickSlot)
+{
+    if (name.isEmpty())
+        return false;
+    findResource(kind, name, [this, clickSlot](const QJsonObject &record) {
+        QMetaObject::invokeMethod(page, clickSlot, Q_ARG(QString, record.value(QLatin1String("id")).toString()));
+    });
+    return true;
 }
 
 bool ScreenTargetOpener::openPublish(const QString &path)

@@ -32,6 +32,7 @@ private:
 
     // Looks the resource up by its exact name with the page's credentials, without touching the page's grid.
     void findResource(Kind kind, const QString &name, const RecordHandler &found);
+    bool openDetails(Kind kind, const QString &name, const char *clickSlot);
 
     OnlineResourcesWidget *page;
 };
