@@ -2,6 +2,7 @@
 
 #include "api/OnlineResourcesAPI.h"
 #include "OnlineResourcesWidget.h"
+#include "access/AuthorizationManagementDialog.h"
 
 #include <QJsonArray>
 #include <QTextStream>
@@ -19,9 +20,21 @@ bool ScreenTargetOpener::open(const QString &target)
     const qsizetype colon = target.indexOf(QLatin1Char(':'));
     const QString kind = colon < 0 ? target : target.left(colon);
     const QString argument = colon < 0 ? QString() : target.mid(colon + 1);
-    Q_UNUSED(kind)
-    Q_UNUSED(argument)
+    if (kind == QLatin1String("access"))
+        return openAccess(argument);
     return false;
+}
+
+bool ScreenTargetOpener::openAccess(const QString &name)
+{
+    findResource(Kind::Scripts, name, [this](const QJsonObject &record) {
+        auto *dialog = new AuthorizationManagementDialog(page->api(), record.value(QStringLiteral("id")).toString(),
+                                                         record.value(QStringLiteral("name")).toString(), page);
+        dialog->loadAuthorizations();
+        dialog->setModal(true);
+        dialog->show();
+    });
+    return true;
 }
 
 void ScreenTargetOpener::findResource(Kind kind, const QString &name, const RecordHandler &found)

@@ -26,6 +26,8 @@ public:
     bool open(const QString &target);
 
 private:
+    bool openAccess(const QString &name);
+
     using RecordHandler = std::function<void(const QJsonObject &record)>;
 
     // Looks the resource up by its exact name with the page's credentials, without touching the page's grid.

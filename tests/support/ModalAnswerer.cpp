@@ -5,6 +5,8 @@
 #include <QDeadlineTimer>
 #include <QDialogButtonBox>
 #include <QFileDialog>
+#include <QFileInfo>
+#include <QLineEdit>
 #include <QPushButton>
 
 namespace Quorix::Testing {
@@ -118,7 +120,11 @@ bool ModalAnswerer::answer(QWidget *window)
         auto *dialog = qobject_cast<QFileDialog *>(window);
         if (!dialog)
             return false;
+        dialog->setDirectory(QFileInfo(filePath).absolutePath());
         dialog->selectFile(filePath);
+        // selectFile() leaves the name field alone while it has focus, which a shown dialog often gives it.
+        if (auto *nameEdit = dialog->findChild<QLineEdit *>(QStringLiteral("fileNameEdit")))
+            nameEdit->setText(QFileInfo(filePath).fileName());
         // accept() is protected on QFileDialog; the slot runs the dialog's own checks of the chosen name.
         QMetaObject::invokeMethod(dialog, "accept", Qt::QueuedConnection);
         return true;
