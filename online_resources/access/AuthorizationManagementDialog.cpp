@@ -103,8 +103,9 @@ void AuthorizationManagementDialog::buildLayout()
     authorizationList->setObjectName(QStringLiteral("authorizationList"));
     authorizationList->setMinimumHeight(200);
     // Rows are several lines each; padding and a rule between them keep one person's lines together.
-    authorizationList->setStyleSheet(
-            QStringLiteral("QListWidget::item { padding: 6px 4px; border-bottom: 1px solid palette(mid); }"));
+    authorizationList->setStyleSheet(QStringLiteral(
+            "QListWidget::item { padding: 6px 4px; border-bottom: 1px solid palette(mid); }"
+            "QListWidget::item:selected { background: palette(highlight); color: palette(highlighted-text); }"));
     layout->addWidget(authorizationList, 1);
 
     loadMoreButton = new QPushButton(tr("Load More..."), this);
