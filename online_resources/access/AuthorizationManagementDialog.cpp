@@ -276,7 +276,7 @@ void AuthorizationManagementDialog::onRevokeAuthorizationClicked()
     const QString username = item->data(usernameRole).toString();
     if (QMessageBox::question(this, tr("Revoke Authorization"),
                               tr("Are you sure you want to revoke authorization for %1?").arg(username),
-                              QMessageBox::Yes | QMessageBox::No)
+                              QMessageBox::Yes | QMessageBox::No, QMessageBox::No)
         != QMessageBox::Yes)
         return;
     // Pending grants have no account yet, so the Discord ID is the only handle the server has for them.

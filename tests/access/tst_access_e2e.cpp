@@ -1,5 +1,5 @@
+#include "BoxAnswers.h"
 #include "E2eCatalogue.h"
-#include "ModalAnswerer.h"
 #include "TemporaryHome.h"
 #include "access/AuthorizationManagementDialog.h"
 
@@ -10,7 +10,6 @@
 #include <QTest>
 
 #include <memory>
-#include <vector>
 
 using namespace Quorix;
 using namespace Quorix::Testing;
@@ -31,18 +30,9 @@ private:
         QVERIFY(loaded.wait(E2eCatalogue::replyTimeoutMilliseconds));
     }
 
-    // Presses buttons on the boxes that follow action, in order, and returns the text of the last one.
-    static QString answerBoxes(const std::function<void()> &action, const QList<QMessageBox::StandardButton> &buttons)
+    static QString lastBoxAfter(const std::function<void()> &action, const QList<QMessageBox::StandardButton> &buttons)
     {
-        std::vector<std::unique_ptr<ModalAnswerer>> answerers;
-        for (QMessageBox::StandardButton button : buttons) {
-            answerers.push_back(std::make_unique<ModalAnswerer>());
-            answerers.back()->pressButton(button, E2eCatalogue::replyTimeoutMilliseconds);
-        }
-        action();
-        for (const auto &answerer : answerers)
-            answerer->waitForAnswer(E2eCatalogue::replyTimeoutMilliseconds);
-        return answerers.back()->seenText();
+        return answerBoxes(action, buttons, E2eCatalogue::replyTimeoutMilliseconds).last().last();
     }
 
     static bool sees(OnlineResourcesAPI *api, const QString &name, const QString &id)
@@ -76,7 +66,7 @@ private slots:
 
         const QString latecomerId = E2eCatalogue::newDiscordId();
         dialog.findChild<QLineEdit *>(QStringLiteral("discordIdEdit"))->setText(latecomerId);
-        const QString granted = answerBoxes(
+        const QString granted = lastBoxAfter(
                 [&] { dialog.findChild<QPushButton *>(QStringLiteral("grantButton"))->click(); }, {QMessageBox::Ok});
         QVERIFY2(granted.contains(QRegularExpression(QStringLiteral("\n\nAuthorization code: \\w+$"))),
                  qPrintable(granted));
@@ -95,8 +85,8 @@ private slots:
         QVERIFY2(claimedRow.endsWith(QStringLiteral("(@latecomer)")), qPrintable(claimedRow));
         list->setCurrentRow(0);
         const QString revoked
-                = answerBoxes([&] { dialog.findChild<QPushButton *>(QStringLiteral("revokeButton"))->click(); },
-                              {QMessageBox::Yes, QMessageBox::Ok});
+                = lastBoxAfter([&] { dialog.findChild<QPushButton *>(QStringLiteral("revokeButton"))->click(); },
+                               {QMessageBox::Yes, QMessageBox::Ok});
         QCOMPARE(revoked, QStringLiteral("Authorization revoked"));
         QVERIFY(!sees(latecomer.get(), name, id));
         QTRY_COMPARE(list->count(), 0);
@@ -125,8 +115,8 @@ private slots:
         ModalAnswerer chooser;
         chooser.chooseFile(file);
         const QString report
-                = answerBoxes([&] { dialog.findChild<QPushButton *>(QStringLiteral("importButton"))->click(); },
-                              {QMessageBox::Yes, QMessageBox::Ok});
+                = lastBoxAfter([&] { dialog.findChild<QPushButton *>(QStringLiteral("importButton"))->click(); },
+                               {QMessageBox::Yes, QMessageBox::Ok});
         QCOMPARE(report, QStringLiteral("Import complete:\n• Granted: 1\n• Already authorized: 1\n"
                                         "• Not found (user hasn't signed in): 1"));
         QTRY_COMPARE(dialog.findChild<QListWidget *>(QStringLiteral("authorizationList"))->count(), 2);
