@@ -6,6 +6,7 @@
 #include "ResourceCard.h"
 #include "ScreenTargetOpener.h"
 #include "ScriptCard.h"
+#include "access/AuthorizationManagementDialog.h"
 #include "api/OnlineResourcesAPI.h"
 #include "plugin/Configuration.h"
 #include "publish/PublishFlow.h"
@@ -522,7 +523,24 @@ void OnlineResourcesWidget::onScriptDownloaded(const QString &) { }
 
 void OnlineResourcesWidget::onDownloadProgress(qint64, qint64) { }
 
-void OnlineResourcesWidget::showAuthorizationManagement(const QString &) { }
+void OnlineResourcesWidget::showAuthorizationManagement(const QString &scriptId)
+{
+    QString name = tr("Unknown Script");
+    for (const QJsonValue &item : std::as_const(allItems)) {
+        if (item.toObject().value(QLatin1String("id")).toString() == scriptId) {
+            name = item.toObject().value(QLatin1String("name")).toString();
+            break;
+        }
+    }
+    auto *dialog = new AuthorizationManagementDialog(apiClient, scriptId, name, this);
+    dialog->loadAuthorizations();
+    connect(dialog, &AuthorizationManagementDialog::authorizationChanged, this,
+            &OnlineResourcesWidget::onRefreshClicked);
+    // Both first-page requests are identical, so whichever answers last shows the same list.
+    dialog->loadAuthorizations();
+    dialog->setModal(true);
+    dialog->show();
+}
 
 void OnlineResourcesWidget::onQenvCardClicked(const QString &envId)
 {

@@ -1,6 +1,7 @@
 #include "ScreenTargetOpener.h"
 
 #include "OnlineResourcesWidget.h"
+#include "access/AuthorizationManagementDialog.h"
 #include "api/OnlineResourcesAPI.h"
 #include "publish/PublishFlow.h"
 
@@ -27,6 +28,8 @@ bool ScreenTargetOpener::open(const QString &target)
         return openDetails(Kind::Weights, argument, "onOnnxCardClicked");
     if (kind == QLatin1String("publish"))
         return openPublish(argument);
+    if (kind == QLatin1String("access"))
+        return openAccess(argument);
     return false;
 }
 
@@ -37,6 +40,18 @@ bool ScreenTargetOpener::openDetails(Kind kind, const QString &name, const char 
         return false;
     findResource(kind, name, [this, clickSlot](const QJsonObject &record) {
         QMetaObject::invokeMethod(page, clickSlot, Q_ARG(QString, record.value(QLatin1String("id")).toString()));
+    });
+    return true;
+}
+
+bool ScreenTargetOpener::openAccess(const QString &name)
+{
+    findResource(Kind::Scripts, name, [this](const QJsonObject &record) {
+        auto *dialog = new AuthorizationManagementDialog(page->api(), record.value(QStringLiteral("id")).toString(),
+                                                         record.value(QStringLiteral("name")).toString(), page);
+        dialog->loadAuthorizations();
+        dialog->setModal(true);
+        dialog->show();
     });
     return true;
 }

@@ -27,6 +27,7 @@ public:
 
 private:
     bool openPublish(const QString &path);
+    bool openAccess(const QString &name);
 
     using RecordHandler = std::function<void(const QJsonObject &record)>;
 
