@@ -83,6 +83,27 @@ const DemoItem scripts[] = {
         {"Anti-Idle", "gpc3", "Nudges the stick every few minutes so lobbies do not kick you.", "quality-of-life"},
 };
 
+// The demo user's own private script, with an access list to manage: signed-in users, one grant that expires and
+// one still pending because its Discord ID has never signed in.
+const DemoItem privateScript
+        = {"Tournament Aim Kit", "gpc3", "Private tuning for our tournament roster; access is granted per player.",
+           "aim,tournament"};
+
+struct DemoGrant
+{
+    const char *discordId;
+    const char *notes;
+    int expiresInDays;
+};
+
+const DemoGrant privateScriptGrants[] = {
+        {"700000000000000003", "Roster sub, season two", 0},
+        {"231456789012345678", "Co-author, tests every build", 0},
+        {"700000000000000007", "Trial month", 45},
+        {"700000000000000012", "", 0},
+        {"812345678901234567", "Invited at the LAN final", 0},
+};
+
 struct DemoEnvironment
 {
     const char *name;
@@ -262,6 +283,24 @@ bool DemoCatalogue::seedIfEmpty(QString *error)
         writes.append(write);
     }
 
+    // Built without drawing on the random sequence, so every other demo resource stays as it was.
+    CatalogueDatabase::ResourceWrite privateWrite;
+    privateWrite.id = QUuid::createUuid().toString(QUuid::WithoutBraces);
+    privateWrite.kind = QStringLiteral("script");
+    privateWrite.subtype = QString::fromLatin1(privateScript.subtype);
+    privateWrite.name = QString::fromUtf8(privateScript.name);
+    privateWrite.description = QString::fromUtf8(privateScript.description);
+    privateWrite.instructions = QStringLiteral("Load it on slot 1; the roster's profiles are on slots 2 to 5.");
+    privateWrite.tags = QString::fromLatin1(privateScript.tags).split(QLatin1Char(','));
+    privateWrite.version = 2.0;
+    privateWrite.visibility = QStringLiteral("private");
+    privateWrite.authorId = authorIds.first();
+    privateWrite.created = now.addDays(-12);
+    privateWrite.imageType = QStringLiteral("png");
+    privateWrite.fileName = fileNameFor(privateWrite.name, privateWrite.subtype);
+    contents.append(scriptSource(privateScript));
+    writes.append(privateWrite);
+
     ResourceFiles files(dataDirectory);
     if (!files.prepare()) {
         *error = QStringLiteral("Cannot create the storage folders");
@@ -301,6 +340,15 @@ bool DemoCatalogue::seedIfEmpty(QString *error)
             database->grant(write.id, QString::fromLatin1(demoUserDiscordId), QStringLiteral("Beta tester"), QString(),
                             &code);
         }
+    }
+    for (const DemoGrant &grant : privateScriptGrants) {
+        const QString expires
+                = grant.expiresInDays > 0 ? CatalogueDatabase::timestamp(now.addDays(grant.expiresInDays)) : QString();
+        QString code;
+        ok = ok
+             && database->grant(privateWrite.id, QString::fromLatin1(grant.discordId), QString::fromUtf8(grant.notes),
+                                expires, &code)
+                        != CatalogueDatabase::GrantOutcome::Failed;
     }
     if (!ok || !files.install() || !database->commit()) {
         database->rollback();

@@ -561,13 +561,31 @@ void OnlineResourcesAPI::onNetworkReply()
     pendingRequests.erase(pending);
 
     if (reply->error() == QNetworkReply::NoError) {
-        dispatchSuccess(reply, tag, reply->readAll());
+        const QByteArray body = reply->readAll();
+        if (endedBeforeItsLength(reply, body))
+            dispatchFailure(tag, droppedConnectionMessage());
+        else
+            dispatchSuccess(reply, tag, body);
         return;
     }
     if (auto *sink = reply->findChild<DownloadSink *>())
         sink->discard();
     if (reply->error() != QNetworkReply::OperationCanceledError)
-        dispatchFailure(reply, tag);
+        dispatchFailure(tag, classifyFailure(reply));
+}
+
+bool OnlineResourcesAPI::endedBeforeItsLength(QNetworkReply *reply, const QByteArray &body)
+{
+    // Qt 6.4 now and then finishes a reply whose connection closed mid-body as if it were complete. Downloads
+    // stream into their sink, which keeps its own account; a compressed body's length is not the decoded one.
+    const QVariant length = reply->header(QNetworkRequest::ContentLengthHeader);
+    return length.isValid() && !reply->hasRawHeader("Content-Encoding") && !reply->findChild<DownloadSink *>()
+           && body.size() < length.toLongLong();
+}
+
+QString OnlineResourcesAPI::droppedConnectionMessage()
+{
+    return tr("Connection was dropped - file may exceed server upload limit");
 }
 
 QString OnlineResourcesAPI::classifyFailure(QNetworkReply *reply) const
@@ -578,7 +596,7 @@ QString OnlineResourcesAPI::classifyFailure(QNetworkReply *reply) const
     case QNetworkReply::ConnectionRefusedError:
     case QNetworkReply::RemoteHostClosedError:
     case QNetworkReply::UnknownNetworkError:
-        return tr("Connection was dropped - file may exceed server upload limit");
+        return droppedConnectionMessage();
     default:
         break;
     }
@@ -590,9 +608,8 @@ QString OnlineResourcesAPI::classifyFailure(QNetworkReply *reply) const
     return tr("Connection failed - no response from server");
 }
 
-void OnlineResourcesAPI::dispatchFailure(QNetworkReply *reply, const QString &tag)
+void OnlineResourcesAPI::dispatchFailure(const QString &tag, const QString &message)
 {
-    const QString message = classifyFailure(reply);
     if (tag == QLatin1String("list")) {
         emit scriptsLoaded(QJsonObject{{QStringLiteral("success"), false}, {QStringLiteral("error"), message}});
     } else if (tag == QLatin1String("likedScripts")) {

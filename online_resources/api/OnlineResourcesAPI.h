@@ -137,8 +137,10 @@ private:
                                     bool withEncryptedFlag) const;
 
     void dispatchSuccess(QNetworkReply *reply, const QString &tag, const QByteArray &body);
-    void dispatchFailure(QNetworkReply *reply, const QString &tag);
+    void dispatchFailure(const QString &tag, const QString &message);
     QString classifyFailure(QNetworkReply *reply) const;
+    static QString droppedConnectionMessage();
+    static bool endedBeforeItsLength(QNetworkReply *reply, const QByteArray &body);
 
     void handleList(const QByteArray &body, void (OnlineResourcesAPI::*signal)(QJsonObject));
     void handleDetails(const QByteArray &body, const QString &prefix, void (OnlineResourcesAPI::*signal)(QJsonObject));

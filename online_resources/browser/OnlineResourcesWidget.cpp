@@ -1,5 +1,6 @@
 #include "OnlineResourcesWidget.h"
 
+#include "DetailsDialogs.h"
 #include "EnvironmentInstallFlow.h"
 #include "OnnxCard.h"
 #include "QenvCard.h"
@@ -8,8 +9,10 @@
 #include "ScriptCard.h"
 #include "ScriptDownloadFlow.h"
 #include "WeightsDownloadFlow.h"
+#include "access/AuthorizationManagementDialog.h"
 #include "api/OnlineResourcesAPI.h"
 #include "plugin/Configuration.h"
+#include "publish/PublishFlow.h"
 
 #include <PluginHost.h>
 #include <SettingsManager.h>
@@ -66,10 +69,12 @@ OnlineResourcesWidget::OnlineResourcesWidget(OnlineResourcesPlugin *, QWidget *p
               this, apiClient, [this] { return pluginHost.data(); }, [this] { return settings; }))
     , weightsDownloads(new WeightsDownloadFlow(this, apiClient))
     , environmentInstalls(new EnvironmentInstallFlow(this, apiClient))
+    , publishFlow(new PublishFlow(apiClient, this))
 {
     connect(scriptDownloads, &ScriptDownloadFlow::scriptSaved, this, &OnlineResourcesWidget::scriptDownloaded);
     buildLayout();
     connectApi();
+    connectDetailsDialogs();
     refreshUserControls();
 }
 
@@ -164,11 +169,12 @@ void OnlineResourcesWidget::connectApi()
 {
     using Api = OnlineResourcesAPI;
     connect(apiClient, &Api::scriptsLoaded, this, &OnlineResourcesWidget::onScriptsLoaded);
+    // Every kind of upload ends here through the form, which the client's own upload signals would not cover.
+    connect(publishFlow, &PublishFlow::published, this, &OnlineResourcesWidget::onUploadCompleted);
     connect(apiClient, &Api::scriptDetailsLoaded, this, &OnlineResourcesWidget::onScriptDetailsLoaded);
     connect(apiClient, &Api::scriptDeleted, this, &OnlineResourcesWidget::onScriptDeleted);
     connect(apiClient, &Api::scriptLikeToggled, this, &OnlineResourcesWidget::onScriptLikeToggled);
     connect(apiClient, &Api::userLikedScriptsLoaded, this, &OnlineResourcesWidget::onUserLikedScriptsLoaded);
-    connect(apiClient, &Api::scriptUploaded, this, &OnlineResourcesWidget::onUploadCompleted);
     connect(apiClient, &Api::errorOccurred, this, &OnlineResourcesWidget::onNetworkError);
     connect(apiClient, &Api::scriptDownloaded, this, &OnlineResourcesWidget::onScriptDownloaded);
     connect(apiClient, &Api::downloadProgress, this, &OnlineResourcesWidget::onDownloadProgress);
@@ -184,6 +190,19 @@ void OnlineResourcesWidget::connectApi()
             [this](const QString &uuid, const QString &filePath) { onWeightsDownloaded(filePath, uuid); });
     connect(apiClient, &Api::weightsDeleted, this, &OnlineResourcesWidget::onWeightsDeleted);
     connect(apiClient, &Api::weightsLikeToggled, this, &OnlineResourcesWidget::onWeightsLikeToggled);
+}
+
+void OnlineResourcesWidget::connectDetailsDialogs()
+{
+    detailsDialogs = new DetailsDialogs(this, apiClient);
+    connect(detailsDialogs, &DetailsDialogs::scriptDownloadRequested, this,
+            &OnlineResourcesWidget::onCardDownloadClicked);
+    connect(detailsDialogs, &DetailsDialogs::environmentInstallRequested, this,
+            &OnlineResourcesWidget::onQenvInstallClicked);
+    connect(detailsDialogs, &DetailsDialogs::weightsDownloadRequested, this,
+            &OnlineResourcesWidget::onOnnxDownloadClicked);
+    connect(detailsDialogs, &DetailsDialogs::manageAuthorizationsRequested, this,
+            &OnlineResourcesWidget::showAuthorizationManagement);
 }
 
 void OnlineResourcesWidget::setPluginHost(PluginHost *host)
@@ -244,10 +263,12 @@ void OnlineResourcesWidget::checkAuthentication()
     const bool idChanged = discordId != previousDiscordId;
     if (isAuthenticated && (!wasAuthenticated || idChanged))
         apiClient->claimPendingAuthorizations();
-    if (wasAuthenticated != isAuthenticated || idChanged || scriptCards.isEmpty()) {
+    // The page comes back showing the kind the user chose; reloading the script list in another mode would clear
+    // the grid and then ignore the reply.
+    if (wasAuthenticated != isAuthenticated || idChanged || cardCount() == 0) {
         resetPaging();
         isLoadingMore = false;
-        loadScripts();
+        loadFirstPage();
     }
 }
 
@@ -270,11 +291,21 @@ void OnlineResourcesWidget::retranslateUi()
     sortCombo->setItemText(3, tr("My Liked"));
 }
 
-void OnlineResourcesWidget::startPublishing(const QString &)
+void OnlineResourcesWidget::startPublishing(const QString &filePath)
+{
+    publish(filePath);
+}
+
+void OnlineResourcesWidget::publish(const QString &presetPath)
 {
     isAuthenticated = pluginHost && pluginHost->isUserAuthenticated();
-    if (!isAuthenticated)
+    if (!isAuthenticated) {
         showAuthenticationRequired();
+        return;
+    }
+    const QString globalName = pluginHost->getAuthenticatedGlobalName();
+    publishFlow->start(presetPath, PublishFlow::scriptsDirectory(settings),
+                       globalName.isEmpty() ? pluginHost->getAuthenticatedUsername() : globalName);
 }
 
 bool OnlineResourcesWidget::isAdministrator() const
@@ -320,14 +351,12 @@ void OnlineResourcesWidget::onRefreshClicked()
 
 void OnlineResourcesWidget::onUploadClicked()
 {
-    isAuthenticated = pluginHost && pluginHost->isUserAuthenticated();
-    if (!isAuthenticated)
-        showAuthenticationRequired();
+    publish(QString());
 }
 
 void OnlineResourcesWidget::onCardClicked(const QString &scriptId)
 {
-    apiClient->fetchScriptDetails(scriptId);
+    detailsDialogs->open(DetailsDialogs::Kind::Script, scriptId, lastDiscordId, isAdministrator());
 }
 
 void OnlineResourcesWidget::onCardDownloadClicked(const QString &scriptId)
@@ -375,19 +404,23 @@ void OnlineResourcesWidget::onScriptsLoaded(const QJsonObject &response)
         showGridMessage(tr("No scripts available - Be the first to upload!"));
 }
 
-void OnlineResourcesWidget::onScriptDetailsLoaded(const QJsonObject &) { }
+void OnlineResourcesWidget::onScriptDetailsLoaded(const QJsonObject &details)
+{
+    detailsDialogs->showDetails(DetailsDialogs::Kind::Script, details,
+                                likedScriptIds.contains(details.value(QLatin1String("id")).toVariant().toString()));
+}
 
+// A deleted resource may be on any page of the grid, which shows every kind outside the QENV and ONNX modes.
 void OnlineResourcesWidget::onScriptDeleted(const QString &)
 {
     resetPaging();
-    loadScripts();
+    loadFirstPage();
 }
 
 void OnlineResourcesWidget::onScriptLikeToggled(const QString &scriptId, bool liked, int likeCount)
 {
-    likedScriptIds.removeAll(scriptId);
-    if (liked)
-        likedScriptIds.append(scriptId);
+    rememberLike(scriptId, liked);
+    detailsDialogs->showLikeState(DetailsDialogs::Kind::Script, scriptId, liked, likeCount);
     for (ScriptCard *card : std::as_const(scriptCards)) {
         if (card->scriptId() != scriptId)
             continue;
@@ -409,14 +442,18 @@ void OnlineResourcesWidget::onUserLikedScriptsLoaded(const QStringList &scriptId
 void OnlineResourcesWidget::onUploadCompleted(const QString &)
 {
     resetPaging();
-    loadScripts();
+    loadFirstPage();
 }
 
 void OnlineResourcesWidget::onNetworkError(const QString &error)
 {
     finishLoading();
-    // Details failures belong to the details dialog that asked; with none open there is nobody to tell.
-    if (error.startsWith(QLatin1String("details_error:")) || error.startsWith(QLatin1String("envDetails_error:"))) {
+    const DetailsDialogs::ErrorRoute route = detailsDialogs->routeError(error);
+    if (route != DetailsDialogs::ErrorRoute::NotDetails) {
+        if (route == DetailsDialogs::ErrorRoute::NotFound) {
+            resetPaging();
+            loadFirstPage();
+        }
         emit errorOccurred(error);
         return;
     }
@@ -437,6 +474,7 @@ void OnlineResourcesWidget::updateLoadingState(bool loading)
     isLoading = loading;
     refreshButton->setEnabled(!loading);
     if (loading) {
+        searchTextInFlight = searchText;
         if (currentPage == 1)
             clearGrid();
         stack->setCurrentWidget(loadingIndicator);
@@ -507,11 +545,28 @@ void OnlineResourcesWidget::onDownloadProgress(qint64 bytesReceived, qint64 byte
     scriptDownloads->showProgress(bytesReceived, bytesTotal);
 }
 
-void OnlineResourcesWidget::showAuthorizationManagement(const QString &) { }
+void OnlineResourcesWidget::showAuthorizationManagement(const QString &scriptId)
+{
+    QString name = tr("Unknown Script");
+    for (const QJsonValue &item : std::as_const(allItems)) {
+        if (item.toObject().value(QLatin1String("id")).toString() == scriptId) {
+            name = item.toObject().value(QLatin1String("name")).toString();
+            break;
+        }
+    }
+    auto *dialog = new AuthorizationManagementDialog(apiClient, scriptId, name, this);
+    dialog->loadAuthorizations();
+    connect(dialog, &AuthorizationManagementDialog::authorizationChanged, this,
+            &OnlineResourcesWidget::onRefreshClicked);
+    // Both first-page requests are identical, so whichever answers last shows the same list.
+    dialog->loadAuthorizations();
+    dialog->setModal(true);
+    dialog->show();
+}
 
 void OnlineResourcesWidget::onQenvCardClicked(const QString &envId)
 {
-    apiClient->loadEnvironmentDetails(envId);
+    detailsDialogs->open(DetailsDialogs::Kind::Environment, envId, lastDiscordId, isAdministrator());
 }
 
 void OnlineResourcesWidget::onQenvInstallClicked(const QString &envId)
@@ -549,18 +604,24 @@ void OnlineResourcesWidget::onEnvironmentsLoaded(const QJsonObject &response)
         showGridMessage(tr("No environments available - Be the first to upload!"));
 }
 
-void OnlineResourcesWidget::onEnvironmentDetailsLoaded(const QJsonObject &) { }
+void OnlineResourcesWidget::onEnvironmentDetailsLoaded(const QJsonObject &details)
+{
+    detailsDialogs->showDetails(DetailsDialogs::Kind::Environment, details,
+                                likedScriptIds.contains(details.value(QLatin1String("id")).toVariant().toString()));
+}
 
 void OnlineResourcesWidget::onEnvironmentDeleted(const QString &)
 {
-    if (mode() != Mode::Environments)
+    if (mode() == Mode::Weights)
         return;
     resetPaging();
-    loadEnvironments();
+    loadFirstPage();
 }
 
 void OnlineResourcesWidget::onEnvironmentLikeToggled(const QString &envId, bool liked, int likeCount)
 {
+    rememberLike(envId, liked);
+    detailsDialogs->showLikeState(DetailsDialogs::Kind::Environment, envId, liked, likeCount);
     for (QenvCard *card : std::as_const(qenvCards)) {
         if (card->envId() != envId)
             continue;
@@ -572,7 +633,7 @@ void OnlineResourcesWidget::onEnvironmentLikeToggled(const QString &envId, bool 
 
 void OnlineResourcesWidget::onOnnxCardClicked(const QString &weightsId)
 {
-    apiClient->fetchWeightsDetails(weightsId);
+    detailsDialogs->open(DetailsDialogs::Kind::Weights, weightsId, lastDiscordId, isAdministrator());
 }
 
 void OnlineResourcesWidget::onOnnxDownloadClicked(const QString &weightsId)
@@ -605,7 +666,11 @@ void OnlineResourcesWidget::onWeightsLoaded(const QJsonObject &response)
         showGridMessage(tr("No weights available - Be the first to upload!"));
 }
 
-void OnlineResourcesWidget::onWeightsDetailsLoaded(const QJsonObject &) { }
+void OnlineResourcesWidget::onWeightsDetailsLoaded(const QJsonObject &details)
+{
+    detailsDialogs->showDetails(DetailsDialogs::Kind::Weights, details,
+                                likedScriptIds.contains(details.value(QLatin1String("id")).toVariant().toString()));
+}
 
 void OnlineResourcesWidget::onWeightsDownloaded(const QString &filePath, const QString &uuid)
 {
@@ -614,14 +679,16 @@ void OnlineResourcesWidget::onWeightsDownloaded(const QString &filePath, const Q
 
 void OnlineResourcesWidget::onWeightsDeleted(const QString &)
 {
-    if (mode() != Mode::Weights)
+    if (mode() == Mode::Environments)
         return;
     resetPaging();
-    loadWeights();
+    loadFirstPage();
 }
 
 void OnlineResourcesWidget::onWeightsLikeToggled(const QString &weightsId, bool liked, int likeCount)
 {
+    rememberLike(weightsId, liked);
+    detailsDialogs->showLikeState(DetailsDialogs::Kind::Weights, weightsId, liked, likeCount);
     for (OnnxCard *card : std::as_const(onnxCards)) {
         if (card->weightsId() != weightsId)
             continue;
@@ -756,13 +823,19 @@ void OnlineResourcesWidget::onUserBanned(const QString &)
                              tr("The user has been banned from uploading. Their existing uploads are now hidden."),
                              QMessageBox::Ok);
     resetPaging();
-    loadScripts();
+    loadFirstPage();
 }
 
 void OnlineResourcesWidget::finishLoading()
 {
+    const bool firstPageFinished = isLoading;
     updateLoadingState(false);
     isLoadingMore = false;
+    // Keystrokes typed while a first page was loading were not sent on their own; the last text must still win.
+    if (firstPageFinished && searchText != searchTextInFlight) {
+        resetPaging();
+        loadFirstPage();
+    }
 }
 
 void OnlineResourcesWidget::clearGrid()
@@ -786,6 +859,8 @@ void OnlineResourcesWidget::showGridMessage(const QString &message)
 {
     clearGrid();
     auto *label = new QLabel(message, gridContainer);
+    // Messages can carry the server's own error text.
+    label->setTextFormat(Qt::PlainText);
     label->setObjectName(QStringLiteral("gridMessage"));
     label->setAlignment(Qt::AlignCenter);
     label->setWordWrap(true);
@@ -873,6 +948,14 @@ int OnlineResourcesWidget::calculateColumns() const
 int OnlineResourcesWidget::cardCount() const
 {
     return int(scriptCards.size() + qenvCards.size() + onnxCards.size());
+}
+
+// The liked set answers "liked?" for every kind when a card or a details dialog is filled.
+void OnlineResourcesWidget::rememberLike(const QString &id, bool liked)
+{
+    likedScriptIds.removeAll(id);
+    if (liked)
+        likedScriptIds.append(id);
 }
 
 void OnlineResourcesWidget::showAuthenticationRequired()

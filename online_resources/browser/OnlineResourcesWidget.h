@@ -19,11 +19,13 @@ class QTimer;
 
 namespace Quorix {
 
+class DetailsDialogs;
 class EnvironmentInstallFlow;
 class OnlineResourcesAPI;
 class OnlineResourcesPlugin;
 class OnnxCard;
 class PluginHost;
+class PublishFlow;
 class QenvCard;
 class ScreenTargetOpener;
 class ScriptCard;
@@ -130,6 +132,9 @@ private:
     int cardCount() const;
     void stretchAfter(int lastRow, int columns);
     void showAuthenticationRequired();
+    void publish(const QString &presetPath);
+    void connectDetailsDialogs();
+    void rememberLike(const QString &id, bool liked);
 
     OnlineResourcesAPI *apiClient = nullptr;
     ScriptDownloadFlow *scriptDownloads = nullptr;
@@ -142,6 +147,7 @@ private:
     int totalPages = 1;
     int totalItems = 0;
     QString searchText;
+    QString searchTextInFlight;
     QString currentType = QStringLiteral("all");
     QString currentSort = QStringLiteral("popular");
     bool isLoading = false;
@@ -169,6 +175,8 @@ private:
     QTimer *loadingTimer = nullptr;
     QTimer *safetyTimer = nullptr;
     ScreenTargetOpener *targetOpener = nullptr;
+    PublishFlow *publishFlow = nullptr;
+    DetailsDialogs *detailsDialogs = nullptr;
 };
 
 } // namespace Quorix

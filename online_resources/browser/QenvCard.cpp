@@ -67,7 +67,7 @@ QLabel *QenvCard::createTypePill(QWidget *parent) const
 
 QLabel *QenvCard::createExtraPill(QWidget *parent) const
 {
-    auto *pythonPill = new QLabel(tr("Python %1").arg(pythonVersion), parent);
+    auto *pythonPill = createTextLabel(tr("Python %1").arg(pythonVersion), parent);
     pythonPill->setObjectName(QStringLiteral("qenvCardPythonPill"));
     pythonPill->setStyleSheet(QStringLiteral(
             "QLabel { background-color: #ffd43b; color:rgb(0, 0, 0); border-radius: 3px; font-weight: bold; }"));

@@ -23,16 +23,24 @@ constexpr int innerWidth = ResourceCard::cardWidth - 24;
 
 QLabel *elidedLabel(const QString &text, const QString &styleSheet, QWidget *parent)
 {
-    auto *label = new QLabel(parent);
+    auto *label = ResourceCard::createTextLabel(QString(), parent);
     label->setStyleSheet(styleSheet);
     label->ensurePolished();
     label->setText(label->fontMetrics().elidedText(text, Qt::ElideRight, innerWidth));
     if (label->text() != text)
-        label->setToolTip(text);
+        label->setToolTip(QStringLiteral("<p>%1</p>").arg(text.toHtmlEscaped()));
     return label;
 }
 
 } // namespace
+
+QLabel *ResourceCard::createTextLabel(const QString &text, QWidget *parent)
+{
+    // Authors write names and descriptions; left to guess, QLabel would render their HTML on the grid.
+    auto *label = new QLabel(text, parent);
+    label->setTextFormat(Qt::PlainText);
+    return label;
+}
 
 ResourceCard::ResourceCard(const QJsonObject &item, QWidget *parent)
     : QWidget(parent)
@@ -132,7 +140,7 @@ void ResourceCard::buildLayout()
     badges->addWidget(typePill);
     if (QLabel *extraPill = createExtraPill(body))
         badges->addWidget(extraPill);
-    visibilityBadge = new QLabel(body);
+    visibilityBadge = createTextLabel(QString(), body);
     visibilityBadge->setStyleSheet(badgeStyle());
     visibilityBadge->setContentsMargins(5, 1, 5, 1);
     badges->addWidget(visibilityBadge);
@@ -146,7 +154,7 @@ void ResourceCard::buildLayout()
     layout->addWidget(elidedLabel(metaLine(version, date, author),
                                   QStringLiteral("QLabel { font-size: 9pt; margin: 0px; padding: 0px; }"), body));
 
-    auto *descriptionLabel = new QLabel(description, body);
+    auto *descriptionLabel = createTextLabel(description, body);
     descriptionLabel->setObjectName(QStringLiteral("cardDescription"));
     descriptionLabel->setStyleSheet(QStringLiteral("QLabel { font-size: 8pt; }"));
     descriptionLabel->setWordWrap(true);

@@ -19,6 +19,9 @@ public:
     static constexpr int cardWidth = 280;
     static constexpr int cardHeight = 360;
 
+    // A label that shows record text as written, never as markup.
+    static QLabel *createTextLabel(const QString &text, QWidget *parent);
+
     QString resourceId() const;
     bool isLiked() const;
     void setLiked(bool liked);

@@ -2,7 +2,9 @@
 
 #include "DownloadProgressDialog.h"
 #include "OnlineResourcesWidget.h"
+#include "access/AuthorizationManagementDialog.h"
 #include "api/OnlineResourcesAPI.h"
+#include "publish/PublishFlow.h"
 
 #include <QJsonArray>
 #include <QTextStream>
@@ -12,23 +14,65 @@ namespace Quorix {
 ScreenTargetOpener::ScreenTargetOpener(OnlineResourcesWidget *page)
     : QObject(page)
     , page(page)
-{
-}
+{ }
 
 bool ScreenTargetOpener::open(const QString &target)
 {
     const qsizetype colon = target.indexOf(QLatin1Char(':'));
     const QString kind = colon < 0 ? target : target.left(colon);
     const QString argument = colon < 0 ? QString() : target.mid(colon + 1);
+    if (kind == QLatin1String("script-details"))
+        return openDetails(Kind::Scripts, argument, "onCardClicked");
+    if (kind == QLatin1String("environment-details"))
+        return openDetails(Kind::Environments, argument, "onQenvCardClicked");
+    if (kind == QLatin1String("weights-details"))
+        return openDetails(Kind::Weights, argument, "onOnnxCardClicked");
+    if (kind == QLatin1String("publish"))
+        return openPublish(argument);
+    if (kind == QLatin1String("access"))
+        return openAccess(argument);
     if (kind == QLatin1String("download-progress"))
         return openDownloadProgress(argument);
     if (kind == QLatin1String("script-download"))
-        return startDownload(Kind::Scripts, argument, "onCardDownloadClicked");
+        return openDetails(Kind::Scripts, argument, "onCardDownloadClicked");
     if (kind == QLatin1String("weights-download"))
-        return startDownload(Kind::Weights, argument, "onOnnxDownloadClicked");
+        return openDetails(Kind::Weights, argument, "onOnnxDownloadClicked");
     if (kind == QLatin1String("environment-install"))
-        return startDownload(Kind::Environments, argument, "onQenvInstallClicked");
+        return openDetails(Kind::Environments, argument, "onQenvInstallClicked");
     return false;
+}
+
+// Goes through the page's own card-click slot, so the screenshot shows exactly what a click shows.
+bool ScreenTargetOpener::openDetails(Kind kind, const QString &name, const char *clickSlot)
+{
+    if (name.isEmpty())
+        return false;
+    findResource(kind, name, [this, clickSlot](const QJsonObject &record) {
+        QMetaObject::invokeMethod(page, clickSlot, Q_ARG(QString, record.value(QLatin1String("id")).toString()));
+    });
+    return true;
+}
+
+bool ScreenTargetOpener::openAccess(const QString &name)
+{
+    findResource(Kind::Scripts, name, [this](const QJsonObject &record) {
+        auto *dialog = new AuthorizationManagementDialog(page->api(), record.value(QStringLiteral("id")).toString(),
+                                                         record.value(QStringLiteral("name")).toString(), page);
+        dialog->loadAuthorizations();
+        dialog->setModal(true);
+        dialog->show();
+    });
+    return true;
+}
+
+bool ScreenTargetOpener::openPublish(const QString &path)
+{
+    // The page's credentials name the author, as its own publishing would.
+    const OnlineResourcesAPI *api = page->api();
+    auto *flow = new PublishFlow(page->api(), page);
+    flow->start(path, PublishFlow::scriptsDirectory(nullptr),
+                api->discordGlobalName.isEmpty() ? api->discordUsername : api->discordGlobalName, true);
+    return true;
 }
 
 bool ScreenTargetOpener::openDownloadProgress(const QString &argument)
@@ -40,14 +84,6 @@ bool ScreenTargetOpener::openDownloadProgress(const QString &argument)
     auto *dialog = new DownloadProgressDialog(page);
     dialog->begin(tr("Downloading..."));
     dialog->showProgress(amounts.first().toLongLong(), amounts.last().toLongLong());
-    return true;
-}
-
-bool ScreenTargetOpener::startDownload(Kind kind, const QString &name, const char *pageSlot)
-{
-    findResource(kind, name, [this, pageSlot](const QJsonObject &record) {
-        QMetaObject::invokeMethod(page, pageSlot, Q_ARG(QString, record.value(QLatin1String("id")).toString()));
-    });
     return true;
 }
 

@@ -26,13 +26,15 @@ public:
     bool open(const QString &target);
 
 private:
+    bool openPublish(const QString &path);
+    bool openAccess(const QString &name);
+    bool openDownloadProgress(const QString &argument);
+
     using RecordHandler = std::function<void(const QJsonObject &record)>;
 
-    bool openDownloadProgress(const QString &argument);
-    // Starts a download or install of the named resource through the page, as a click on its card does.
-    bool startDownload(Kind kind, const QString &name, const char *pageSlot);
     // Looks the resource up by its exact name with the page's credentials, without touching the page's grid.
     void findResource(Kind kind, const QString &name, const RecordHandler &found);
+    bool openDetails(Kind kind, const QString &name, const char *clickSlot);
 
     OnlineResourcesWidget *page;
 };

@@ -59,7 +59,7 @@ QPushButton *ScriptCard::createPillButton(const QString &text, QWidget *parent)
 
 QLabel *ScriptCard::createTypePill(QWidget *parent) const
 {
-    auto *pill = new QLabel(type.isEmpty() ? QStringLiteral("SCRIPT") : type.toUpper(), parent);
+    auto *pill = createTextLabel(type.isEmpty() ? QStringLiteral("SCRIPT") : type.toUpper(), parent);
     pill->setStyleSheet(badgeStyle());
     return pill;
 }

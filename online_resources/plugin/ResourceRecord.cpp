@@ -109,7 +109,10 @@ QString ResourceRecord::relativeDate(const QString &isoDateTime, const QDateTime
     const QDateTime created = QDateTime::fromString(isoDateTime, Qt::ISODate);
     if (!created.isValid())
         return isoDateTime;
-    const qint64 days = created.daysTo(now);
+    // Elapsed whole days, not calendar midnights: the server writes UTC and the user's clock is local, so counting
+    // midnights would call a half-hour-old item "Yesterday" east of Greenwich.
+    constexpr qint64 secondsPerDay = 24 * 60 * 60;
+    const qint64 days = created.secsTo(now) / secondsPerDay;
     if (days == 0)
         return tr("Today");
     if (days == 1)

@@ -425,8 +425,15 @@ void TestApiReplies::sameOriginRedirectKeepsCredentials()
     api->fetchScriptDetails("old");
     QVERIFY(details.wait(10000));
     QCOMPARE(details.first().first().toJsonObject().value("id"), QJsonValue("new"));
-    QCOMPARE(server.requestCount(), 2);
-    QCOMPARE(server.lastRequest().header("Authorization"), QByteArray("Bearer tok"));
+    // Qt 6.4 now and then sends the redirected GET a second time on the same connection before it follows the
+    // redirect, so the first request is not counted; the follow-up must go out once, with the session.
+    QList<RecordedRequest> followUps;
+    for (const RecordedRequest &request : server.requests()) {
+        if (request.path() == "/api/scripts/details/new")
+            followUps.append(request);
+    }
+    QCOMPARE(followUps.size(), 1);
+    QCOMPARE(followUps.first().header("Authorization"), QByteArray("Bearer tok"));
 }
 
 QTEST_GUILESS_MAIN(TestApiReplies)

@@ -57,6 +57,8 @@ template<typename Card>
 QList<Card *> cardsInGrid(QWidget *page)
 {
     QList<Card *> cards = page->findChildren<Card *>();
+    // New cards are shown, and so laid out, by queued events; deliver them before reading positions.
+    QCoreApplication::sendPostedEvents();
     if (!cards.isEmpty())
         cards.first()->parentWidget()->layout()->activate();
     std::sort(cards.begin(), cards.end(),
@@ -106,6 +108,11 @@ private slots:
     void administratorIsAnExactDiscordIdMatch();
     void errorsReachTheUser();
     void successfulBanIsAnnouncedAndReloads();
+    void showingThePageAgainKeepsItsKind_data();
+    void showingThePageAgainKeepsItsKind();
+    void typingASearchRestartsAtPageOne();
+    void transportErrorsReachTheGridAndMaySignOut_data();
+    void transportErrorsReachTheGridAndMaySignOut();
 
 private:
     std::unique_ptr<OnlineResourcesWidget> makePage(int width = 800, int height = 600);
@@ -177,20 +184,27 @@ void OnlineResourcesWidgetTest::columnCountFollowsViewportWidth()
     QTRY_COMPARE(scriptIds(page.get()).size(), 12);
     auto *viewport = page->findChild<QScrollArea *>()->viewport();
 
-    const auto columnsAtViewportWidth = [&](int viewportWidth) {
-        page->resize(page->width() + viewportWidth - viewport->width(), page->height());
-        QTest::qWait(150);
-        QSet<int> columns;
+    const auto columns = [&] {
+        QSet<int> lefts;
         for (ScriptCard *card : cardsInGrid<ScriptCard>(page.get()))
-            columns.insert(card->x());
-        return int(columns.size());
+            lefts.insert(card->x());
+        return int(lefts.size());
     };
-    // The grid keeps 20 pixels of the viewport for its own margins.
-    QCOMPARE(columnsAtViewportWidth(294 + 20), 1);
-    QCOMPARE(columnsAtViewportWidth(590 + 20), 2);
-    QCOMPARE(columnsAtViewportWidth(574 + 20), 1);
-    QCOMPARE(columnsAtViewportWidth(575 + 20), 2);
-    QCOMPARE(columnsAtViewportWidth(4000), 6);
+    const auto resizeViewport = [&](int viewportWidth) {
+        page->resize(page->width() + viewportWidth - viewport->width(), page->height());
+    };
+    // The grid keeps 20 pixels of the viewport for its own margins. Each width changes the count, so waiting for
+    // the expected count cannot pass before the reflow.
+    resizeViewport(294 + 20);
+    QTRY_COMPARE(columns(), 1);
+    resizeViewport(590 + 20);
+    QTRY_COMPARE(columns(), 2);
+    resizeViewport(574 + 20);
+    QTRY_COMPARE(columns(), 1);
+    resizeViewport(575 + 20);
+    QTRY_COMPARE(columns(), 2);
+    resizeViewport(4000);
+    QTRY_COMPARE(columns(), 6);
 }
 
 void OnlineResourcesWidgetTest::scrollingLoadsFollowingPagesInServerOrderOnlyOnce()
@@ -628,6 +642,117 @@ void OnlineResourcesWidgetTest::successfulBanIsAnnouncedAndReloads()
              QStringLiteral("The user has been banned from uploading. Their existing uploads are now hidden."));
     QVERIFY(waitForRequestsTo(listPath, listsBefore + 1));
     QCOMPARE(requestsTo(listPath).last().query().queryItemValue(QStringLiteral("page")), QStringLiteral("1"));
+}
+
+void OnlineResourcesWidgetTest::showingThePageAgainKeepsItsKind_data()
+{
+    QTest::addColumn<int>("filterIndex");
+    QTest::addColumn<QString>("kindListPath");
+    QTest::addColumn<bool>("withCards");
+    QTest::newRow("scripts shown") << 0 << listPath << true;
+    QTest::newRow("no scripts") << 0 << listPath << false;
+    QTest::newRow("environments shown") << 3 << environmentListPath << true;
+    QTest::newRow("no environments") << 3 << environmentListPath << false;
+    QTest::newRow("weights shown") << 4 << weightsListPath << true;
+    QTest::newRow("no weights") << 4 << weightsListPath << false;
+}
+
+void OnlineResourcesWidgetTest::showingThePageAgainKeepsItsKind()
+{
+    QFETCH(int, filterIndex);
+    QFETCH(QString, kindListPath);
+    QFETCH(bool, withCards);
+    const int items = withCards ? 1 : 0;
+    setScriptPage(BrowserTestData::scripts(QStringLiteral("s"), 1, items), 1, 1, items);
+    server.setRule(environmentListPath,
+                   ScriptedResponse::json(BrowserTestData::environmentPage(
+                           withCards ? QJsonArray{BrowserTestData::environment(QStringLiteral("e1"))} : QJsonArray(), 1,
+                           items)));
+    server.setRule(weightsListPath,
+                   ScriptedResponse::json(BrowserTestData::weightsPage(
+                           withCards ? QJsonArray{BrowserTestData::weights(QStringLiteral("w1"))} : QJsonArray(), 1, 1,
+                           items)));
+    auto page = makePage();
+    auto *refresh = page->findChild<QToolButton *>(QStringLiteral("refreshButton"));
+    page->findChild<QComboBox *>(QStringLiteral("typeFilter"))->setCurrentIndex(filterIndex);
+    QVERIFY(waitForRequestsTo(kindListPath, 1));
+    QVERIFY(QTest::qWaitFor([&] { return refresh->isEnabled(); }));
+    const auto cardsShown = [&] {
+        return cardsInGrid<ScriptCard>(page.get()).size() + cardsInGrid<QenvCard>(page.get()).size()
+               + cardsInGrid<OnnxCard>(page.get()).size();
+    };
+    QCOMPARE(cardsShown(), items);
+    const int kindListsBefore = requestsTo(kindListPath).size();
+    const int scriptListsBefore = requestsTo(listPath).size();
+
+    page->hide();
+    page->show();
+    if (withCards)
+        QTest::qWait(300);
+    else
+        QVERIFY(waitForRequestsTo(kindListPath, kindListsBefore + 1));
+    QVERIFY(QTest::qWaitFor([&] { return refresh->isEnabled(); }));
+    QCOMPARE(requestsTo(kindListPath).size(), kindListsBefore + (withCards ? 0 : 1));
+    if (kindListPath != listPath)
+        QCOMPARE(requestsTo(listPath).size(), scriptListsBefore);
+    QCOMPARE(cardsShown(), items);
+}
+
+void OnlineResourcesWidgetTest::typingASearchRestartsAtPageOne()
+{
+    setScriptPage(BrowserTestData::scripts(QStringLiteral("a"), 1, 24), 1, 3, 60);
+    auto page = makePage();
+    QTRY_COMPARE(scriptIds(page.get()).size(), 24);
+    setScriptPage(BrowserTestData::scripts(QStringLiteral("b"), 1, 24), 2, 3, 60);
+    QScrollBar *bar = page->findChild<QScrollArea *>()->verticalScrollBar();
+    QTRY_VERIFY(bar->maximum() > 0);
+    bar->setValue(bar->maximum());
+    QTRY_COMPARE(scriptIds(page.get()).size(), 48);
+
+    setScriptPage(BrowserTestData::scripts(QStringLiteral("c"), 1, 2), 1, 1, 2);
+    const int listsBefore = requestsTo(listPath).size();
+    QTest::keyClicks(page->findChild<QLineEdit *>(QStringLiteral("searchEdit")), QStringLiteral("ai"));
+    QVERIFY(waitForRequestsTo(listPath, listsBefore + 1));
+    QTRY_COMPARE(scriptIds(page.get()), (QStringList{QStringLiteral("c1"), QStringLiteral("c2")}));
+    const QUrlQuery query = requestsTo(listPath).last().query();
+    QCOMPARE(query.queryItemValue(QStringLiteral("search")), QStringLiteral("ai"));
+    QCOMPARE(query.queryItemValue(QStringLiteral("page")), QStringLiteral("1"));
+}
+
+void OnlineResourcesWidgetTest::transportErrorsReachTheGridAndMaySignOut_data()
+{
+    QTest::addColumn<QString>("error");
+    QTest::addColumn<QString>("shown");
+    QTest::addColumn<bool>("signedOut");
+    QTest::newRow("network") << "Network error: Connection refused" << "Cannot connect to server" << false;
+    QTest::newRow("network, other case") << "NETWORK ERROR" << "Cannot connect to server" << false;
+    QTest::newRow("server error") << "HTTP 500: boom" << "Error: HTTP 500: boom" << false;
+    QTest::newRow("401") << "HTTP 401: Unauthorized" << "Error: HTTP 401: Unauthorized" << true;
+    QTest::newRow("authentication") << "Authentication required" << "Error: Authentication required" << true;
+}
+
+void OnlineResourcesWidgetTest::transportErrorsReachTheGridAndMaySignOut()
+{
+    QFETCH(QString, error);
+    QFETCH(QString, shown);
+    QFETCH(bool, signedOut);
+    setScriptPage({}, 1, 0, 0);
+    host.signIn(user(QStringLiteral("100000000000000001")));
+    auto page = makePage();
+    auto *refresh = page->findChild<QToolButton *>(QStringLiteral("refreshButton"));
+    QVERIFY(waitForRequestsTo(likedPath, 1));
+    QVERIFY(QTest::qWaitFor([&] { return refresh->isEnabled(); }));
+
+    Q_EMIT page->api()->errorOccurred(error);
+    QCOMPARE(gridMessage(page.get()), shown);
+
+    // Only a signed-in page asks for the user's liked list with a reload.
+    const int likedBefore = requestsTo(likedPath).size();
+    const int listsBefore = requestsTo(listPath).size();
+    refresh->click();
+    QVERIFY(waitForRequestsTo(listPath, listsBefore + 1));
+    QTest::qWait(100);
+    QCOMPARE(requestsTo(likedPath).size(), likedBefore + (signedOut ? 0 : 1));
 }
 
 QTEST_MAIN(OnlineResourcesWidgetTest)

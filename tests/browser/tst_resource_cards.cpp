@@ -14,6 +14,7 @@
 #include <QScreen>
 #include <QSignalSpy>
 #include <QTest>
+#include <QTextDocument>
 
 using namespace Quorix;
 using namespace Quorix::Testing;
@@ -76,6 +77,7 @@ private slots:
     void restrictedEnvironmentsAndWeightsExplainTheirDownload();
     void cardSignalsCarryTheId();
     void thumbnails();
+    void authorTextsAreNeverRenderedAsMarkup();
 };
 
 void ResourceCardsTest::scriptCardShowsTheRecord()
@@ -340,6 +342,47 @@ void ResourceCardsTest::thumbnails()
     QTRY_COMPARE(garbage->findChild<QLabel *>(QStringLiteral("cardThumbnail"))->text(), page);
     QTRY_COMPARE(missing->findChild<QLabel *>(QStringLiteral("cardThumbnail"))->text(), page);
     QVERIFY(missing->findChild<QLabel *>(QStringLiteral("cardThumbnail"))->pixmap().isNull());
+}
+
+void ResourceCardsTest::authorTextsAreNeverRenderedAsMarkup()
+{
+    const QString name = QStringLiteral("<h1 style='color:red'>Warning</h1><a href='x'>Click here to update now</a>");
+    QJsonObject fields{
+            {QStringLiteral("name"), name},
+            {QStringLiteral("description"), QStringLiteral("<img src='x'><b>System alert</b>")},
+            {QStringLiteral("author"), QStringLiteral("<i>Quorix Team</i>")},
+            {QStringLiteral("type"), QStringLiteral("<u>gpc3</u>")},
+            {QStringLiteral("visibility_type"), QStringLiteral("<b>odd</b>")},
+            {QStringLiteral("qenv_metadata"), QJsonObject{{QStringLiteral("python"), QStringLiteral("<b>3</b>")}}}};
+    const auto withId = [&](const QString &id) {
+        QJsonObject record = fields;
+        record.insert(QStringLiteral("id"), id);
+        return record;
+    };
+    const std::vector<std::unique_ptr<QWidget>> cards = [&] {
+        std::vector<std::unique_ptr<QWidget>> made;
+        made.push_back(std::make_unique<ScriptCard>(withId(QStringLiteral("s")), nullptr));
+        made.push_back(std::make_unique<QenvCard>(withId(QStringLiteral("e")), nullptr));
+        made.push_back(std::make_unique<OnnxCard>(withId(QStringLiteral("w")), nullptr));
+        return made;
+    }();
+    for (const auto &card : cards) {
+        const auto labels = card->findChildren<QLabel *>();
+        for (const QLabel *label : labels) {
+            QVERIFY2(label->textFormat() == Qt::PlainText || !Qt::mightBeRichText(label->text()),
+                     qPrintable(label->text()));
+        }
+        // The elided name's tool tip shows the name as written.
+        const QLabel *nameLabel = nullptr;
+        for (const QLabel *label : labels) {
+            if (!label->toolTip().isEmpty())
+                nameLabel = label;
+        }
+        QVERIFY(nameLabel);
+        QTextDocument shown;
+        shown.setHtml(nameLabel->toolTip());
+        QCOMPARE(shown.toPlainText(), name);
+    }
 }
 
 QTEST_MAIN(ResourceCardsTest)

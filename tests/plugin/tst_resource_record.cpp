@@ -4,6 +4,8 @@
 #include <QJsonDocument>
 #include <QtTest>
 
+#include <ctime>
+
 using Quorix::ResourceRecord;
 
 namespace {
@@ -96,7 +98,8 @@ void TestResourceRecord::encryptionAcceptsBooleanAndOne()
 
 void TestResourceRecord::authorFromObjectOrPlainString()
 {
-    const QJsonObject full = record(R"({"author": {"username": "neo", "name": "Thomas", "discord_id": "123456789012345678"}})");
+    const QJsonObject full
+            = record(R"({"author": {"username": "neo", "name": "Thomas", "discord_id": "123456789012345678"}})");
     QCOMPARE(ResourceRecord::authorName(full), QStringLiteral("neo"));
     QCOMPARE(ResourceRecord::ownerDiscordId(full), QStringLiteral("123456789012345678"));
 
@@ -145,31 +148,61 @@ void TestResourceRecord::countsAreAbbreviated()
 
 void TestResourceRecord::relativeDates_data()
 {
+    // Server times are UTC; "now" is the user's local clock, in the zone of the row.
+    QTest::addColumn<QByteArray>("zone");
     QTest::addColumn<QString>("created");
+    QTest::addColumn<QString>("nowUtc");
     QTest::addColumn<QString>("shown");
-    const QDateTime now(QDate(2026, 11, 22), QTime(15, 0), Qt::UTC);
-    const auto daysBack = [&](int days) { return now.addDays(-days).toString(Qt::ISODate); };
-    QTest::newRow("today") << daysBack(0) << "Today";
-    QTest::newRow("earlier today") << QStringLiteral("2026-11-22T00:30:00Z") << "Today";
-    QTest::newRow("yesterday") << daysBack(1) << "Yesterday";
-    QTest::newRow("6 days") << daysBack(6) << "6 days ago";
-    QTest::newRow("7 days") << daysBack(7) << "1 weeks ago";
-    QTest::newRow("29 days") << daysBack(29) << "4 weeks ago";
-    QTest::newRow("30 days") << daysBack(30) << "1 months ago";
-    QTest::newRow("360 days") << daysBack(360) << "12 months ago";
-    QTest::newRow("365 days") << daysBack(365) << "1 years ago";
-    QTest::newRow("future") << now.addDays(3).toString(Qt::ISODate) << "-3 days ago";
-    QTest::newRow("with milliseconds") << QStringLiteral("2026-11-20T10:00:00.123Z") << "2 days ago";
-    QTest::newRow("unparsable") << QStringLiteral("last Tuesday") << "last Tuesday";
-    QTest::newRow("empty") << QString() << "";
+    const QString now = QStringLiteral("2026-11-22T15:00:00Z");
+    const QDateTime nowInstant = QDateTime::fromString(now, Qt::ISODate);
+    const auto back = [&](qint64 seconds) {
+        return nowInstant.addSecs(-seconds).toString(Qt::ISODate);
+    };
+    const qint64 hour = 3600;
+    const qint64 day = 24 * hour;
+    QTest::newRow("today") << QByteArray("UTC") << back(0) << now << "Today";
+    QTest::newRow("23 h") << QByteArray("UTC") << back(23 * hour) << now << "Today";
+    QTest::newRow("yesterday") << QByteArray("UTC") << back(day) << now << "Yesterday";
+    QTest::newRow("6 days") << QByteArray("UTC") << back(6 * day) << now << "6 days ago";
+    QTest::newRow("6 days 23 h") << QByteArray("Asia/Tokyo") << back(7 * day - hour) << now << "6 days ago";
+    QTest::newRow("7 days") << QByteArray("UTC") << back(7 * day) << now << "1 weeks ago";
+    QTest::newRow("29 days") << QByteArray("UTC") << back(29 * day) << now << "4 weeks ago";
+    QTest::newRow("30 days") << QByteArray("UTC") << back(30 * day) << now << "1 months ago";
+    QTest::newRow("360 days") << QByteArray("UTC") << back(360 * day) << now << "12 months ago";
+    QTest::newRow("365 days") << QByteArray("UTC") << back(365 * day) << now << "1 years ago";
+    // Half an hour old, just after local midnight west and east of Greenwich.
+    QTest::newRow("30 min, Los Angeles") << QByteArray("America/Los_Angeles") << QStringLiteral("2026-11-23T07:40:00Z")
+                                         << QStringLiteral("2026-11-23T08:10:00Z") << "Today";
+    QTest::newRow("30 min, Tokyo") << QByteArray("Asia/Tokyo") << QStringLiteral("2026-11-22T14:40:00Z")
+                                   << QStringLiteral("2026-11-22T15:10:00Z") << "Today";
+    QTest::newRow("30 min, Kiritimati") << QByteArray("Pacific/Kiritimati") << QStringLiteral("2026-11-22T09:40:00Z")
+                                        << QStringLiteral("2026-11-22T10:10:00Z") << "Today";
+    QTest::newRow("local time without zone")
+            << QByteArray("America/Los_Angeles") << QStringLiteral("2026-11-22T23:50:00")
+            << QStringLiteral("2026-11-23T08:10:00Z") << "Today";
+    QTest::newRow("clock a little behind the server")
+            << QByteArray("UTC") << QStringLiteral("2026-11-22T15:05:00Z") << now << "Today";
+    QTest::newRow("three days ahead") << QByteArray("UTC") << back(-3 * day) << now << "-3 days ago";
+    QTest::newRow("with milliseconds") << QByteArray("UTC") << QStringLiteral("2026-11-20T10:00:00.123Z") << now
+                                       << "2 days ago";
+    QTest::newRow("unparsable") << QByteArray("UTC") << QStringLiteral("last Tuesday") << now << "last Tuesday";
+    QTest::newRow("empty") << QByteArray("UTC") << QString() << now << "";
 }
 
 void TestResourceRecord::relativeDates()
 {
+    QFETCH(QByteArray, zone);
     QFETCH(QString, created);
+    QFETCH(QString, nowUtc);
     QFETCH(QString, shown);
-    const QDateTime now(QDate(2026, 11, 22), QTime(15, 0), Qt::UTC);
-    QCOMPARE(ResourceRecord::relativeDate(created, now), shown);
+    const QByteArray previousZone = qgetenv("TZ");
+    qputenv("TZ", zone);
+    tzset();
+    const QDateTime now = QDateTime::fromString(nowUtc, Qt::ISODate).toLocalTime();
+    const QString text = ResourceRecord::relativeDate(created, now);
+    qputenv("TZ", previousZone);
+    tzset();
+    QCOMPARE(text, shown);
 }
 
 void TestResourceRecord::fileSizesUseBinaryUnits_data()

@@ -5,6 +5,8 @@
 #include <QDeadlineTimer>
 #include <QDialogButtonBox>
 #include <QFileDialog>
+#include <QFileInfo>
+#include <QLineEdit>
 #include <QPushButton>
 
 namespace Quorix::Testing {
@@ -118,7 +120,14 @@ bool ModalAnswerer::answer(QWidget *window)
         auto *dialog = qobject_cast<QFileDialog *>(window);
         if (!dialog)
             return false;
-        dialog->selectFile(filePath);
+        // selectFile() leaves a focused name field alone and selects in the list instead, which is empty until the
+        // folder has been read in the background; typing the name is what works at any moment.
+        const QFileInfo file(filePath);
+        dialog->setDirectory(file.absolutePath());
+        if (auto *nameEdit = dialog->findChild<QLineEdit *>(QStringLiteral("fileNameEdit")))
+            nameEdit->setText(file.fileName());
+        else
+            dialog->selectFile(filePath);
         // accept() is protected on QFileDialog; the slot runs the dialog's own checks of the chosen name.
         QMetaObject::invokeMethod(dialog, "accept", Qt::QueuedConnection);
         return true;
