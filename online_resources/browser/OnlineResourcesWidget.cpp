@@ -7,6 +7,8 @@
 #include "ScriptCard.h"
 #include "api/OnlineResourcesAPI.h"
 #include "plugin/Configuration.h"
+#include "pyenv/PythonEnvironmentManager.h"
+#include "pyenv/dialogs/PythonEnvironmentDialog.h"
 
 #include <PluginHost.h>
 #include <SettingsManager.h>
@@ -69,6 +71,16 @@ bool OnlineResourcesWidget::openTarget(const QString &target)
     return targetOpener->open(target);
 }
 
+PythonEnvironmentDialog *OnlineResourcesWidget::showPythonEnvironments()
+{
+    if (!environmentDialog)
+        environmentDialog = new PythonEnvironmentDialog(PythonEnvironmentManager::instance(), this);
+    environmentDialog->show();
+    environmentDialog->raise();
+    environmentDialog->activateWindow();
+    return environmentDialog;
+}
+
 void OnlineResourcesWidget::buildLayout()
 {
     auto *layout = new QVBoxLayout(this);
@@ -103,6 +115,9 @@ void OnlineResourcesWidget::buildLayout()
     uploadButton = new QPushButton(this);
     uploadButton->setObjectName(QStringLiteral("uploadButton"));
     controls->addWidget(uploadButton);
+    environmentsButton = new QPushButton(this);
+    environmentsButton->setObjectName(QStringLiteral("environmentsButton"));
+    controls->addWidget(environmentsButton);
     layout->addLayout(controls);
 
     stack = new QStackedWidget(this);
@@ -138,6 +153,7 @@ void OnlineResourcesWidget::buildLayout()
     connect(sortCombo, &QComboBox::currentIndexChanged, this, &OnlineResourcesWidget::onSortChanged);
     connect(refreshButton, &QToolButton::clicked, this, &OnlineResourcesWidget::onRefreshClicked);
     connect(uploadButton, &QPushButton::clicked, this, &OnlineResourcesWidget::onUploadClicked);
+    connect(environmentsButton, &QPushButton::clicked, this, &OnlineResourcesWidget::showPythonEnvironments);
     connect(scrollArea->verticalScrollBar(), &QScrollBar::valueChanged, this,
             &OnlineResourcesWidget::onScrollValueChanged);
 
@@ -247,6 +263,7 @@ void OnlineResourcesWidget::retranslateUi()
     searchEdit->setPlaceholderText(tr("Search scripts..."));
     refreshButton->setToolTip(tr("Refresh"));
     uploadButton->setText(tr("Publish Script"));
+    environmentsButton->setText(tr("Python Environments..."));
     typeFilter->setItemText(0, tr("All Types"));
     sortCombo->setItemText(0, tr("Popular"));
     sortCombo->setItemText(1, tr("Newest"));

@@ -1,7 +1,7 @@
 #include "ScreenTargetOpener.h"
 
-#include "api/OnlineResourcesAPI.h"
 #include "OnlineResourcesWidget.h"
+#include "api/OnlineResourcesAPI.h"
 
 #include <QJsonArray>
 #include <QTextStream>
@@ -11,17 +11,24 @@ namespace Quorix {
 ScreenTargetOpener::ScreenTargetOpener(OnlineResourcesWidget *page)
     : QObject(page)
     , page(page)
-{
-}
+{ }
 
 bool ScreenTargetOpener::open(const QString &target)
 {
     const qsizetype colon = target.indexOf(QLatin1Char(':'));
     const QString kind = colon < 0 ? target : target.left(colon);
     const QString argument = colon < 0 ? QString() : target.mid(colon + 1);
+    if (kind == QLatin1String("environments"))
+        return openEnvironments();
     Q_UNUSED(kind)
     Q_UNUSED(argument)
     return false;
+}
+
+bool ScreenTargetOpener::openEnvironments()
+{
+    page->showPythonEnvironments();
+    return true;
 }
 
 void ScreenTargetOpener::findResource(Kind kind, const QString &name, const RecordHandler &found)
