@@ -2,9 +2,13 @@
 
 #include "OnlineResourcesWidget.h"
 #include "api/OnlineResourcesAPI.h"
+#include "pyenv/dialogs/PythonEnvironmentDialog.h"
 
+#include <QHash>
 #include <QJsonArray>
+#include <QPushButton>
 #include <QTextStream>
+#include <QTimer>
 
 namespace Quorix {
 
@@ -19,15 +23,26 @@ bool ScreenTargetOpener::open(const QString &target)
     const QString kind = colon < 0 ? target : target.left(colon);
     const QString argument = colon < 0 ? QString() : target.mid(colon + 1);
     if (kind == QLatin1String("environments"))
-        return openEnvironments();
+        return openEnvironments(argument);
     Q_UNUSED(kind)
     Q_UNUSED(argument)
     return false;
 }
 
-bool ScreenTargetOpener::openEnvironments()
+bool ScreenTargetOpener::openEnvironments(const QString &argument)
 {
-    page->showPythonEnvironments();
+    // "environments:log" opens the operation log; "environments:create" and "environments:install" open the dialog
+    // behind that button once the window has settled.
+    static const QHash<QString, QString> buttons{{QStringLiteral("log"), QStringLiteral("logToggleButton")},
+                                                 {QStringLiteral("create"), QStringLiteral("newButton")},
+                                                 {QStringLiteral("install"), QStringLiteral("installButton")}};
+    PythonEnvironmentDialog *dialog = page->showPythonEnvironments();
+    if (argument.isEmpty())
+        return true;
+    auto *button = dialog->findChild<QPushButton *>(buttons.value(argument));
+    if (!button)
+        return false;
+    QTimer::singleShot(500, button, &QPushButton::click);
     return true;
 }
 

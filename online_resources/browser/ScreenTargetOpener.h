@@ -28,7 +28,7 @@ public:
 private:
     using RecordHandler = std::function<void(const QJsonObject &record)>;
 
-    bool openEnvironments();
+    bool openEnvironments(const QString &argument);
 
     // Looks the resource up by its exact name with the page's credentials, without touching the page's grid.
     void findResource(Kind kind, const QString &name, const RecordHandler &found);

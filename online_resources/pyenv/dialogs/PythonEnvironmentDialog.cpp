@@ -112,6 +112,9 @@ void PythonEnvironmentDialog::buildLayout()
     bottom->addWidget(closeButton);
     layout->addLayout(bottom);
 
+    // Enter in this window must never start an operation by itself.
+    for (QPushButton *button : findChildren<QPushButton *>())
+        button->setAutoDefault(false);
     connect(logToggleButton, &QPushButton::clicked, this, &PythonEnvironmentDialog::onLogToggled);
     connect(selectButton, &QPushButton::clicked, this, &PythonEnvironmentDialog::onSelectClicked);
     connect(closeButton, &QPushButton::clicked, this, &QDialog::reject);
@@ -167,8 +170,10 @@ QWidget *PythonEnvironmentDialog::buildDetailsPane()
     packageTable->setObjectName(QStringLiteral("packageTable"));
     packageTable->setHorizontalHeaderLabels({tr("Package"), tr("Version")});
     packageTable->horizontalHeader()->setSectionResizeMode(0, QHeaderView::Stretch);
-    packageTable->horizontalHeader()->setSectionResizeMode(1, QHeaderView::ResizeToContents);
+    packageTable->horizontalHeader()->setSectionResizeMode(1, QHeaderView::Interactive);
+    packageTable->setColumnWidth(1, 140);
     packageTable->verticalHeader()->hide();
+    packageTable->verticalHeader()->setDefaultSectionSize(packageTable->fontMetrics().height() + 8);
     packageTable->setSelectionBehavior(QAbstractItemView::SelectRows);
     packageTable->setSelectionMode(QAbstractItemView::ExtendedSelection);
     packageTable->setEditTriggers(QAbstractItemView::NoEditTriggers);
@@ -665,7 +670,10 @@ void PythonEnvironmentDialog::onSyncClicked()
 void PythonEnvironmentDialog::onLogToggled()
 {
     const bool show = logView->isHidden();
+    // The log gets room of its own instead of squeezing the package table.
+    const int logHeight = logView->minimumHeight() + layout()->spacing();
     logView->setVisible(show);
+    resize(width(), height() + (show ? logHeight : -logHeight));
     logToggleButton->setText(show ? tr("Hide Details") : tr("Show Details"));
 }
 
