@@ -13,6 +13,8 @@
 #include "api/OnlineResourcesAPI.h"
 #include "plugin/Configuration.h"
 #include "publish/PublishFlow.h"
+#include "pyenv/PythonEnvironmentManager.h"
+#include "pyenv/dialogs/PythonEnvironmentDialog.h"
 
 #include <PluginHost.h>
 #include <SettingsManager.h>
@@ -90,6 +92,16 @@ bool OnlineResourcesWidget::openTarget(const QString &target)
     return targetOpener->open(target);
 }
 
+PythonEnvironmentDialog *OnlineResourcesWidget::showPythonEnvironments()
+{
+    if (!environmentDialog)
+        environmentDialog = new PythonEnvironmentDialog(PythonEnvironmentManager::instance(), this);
+    environmentDialog->show();
+    environmentDialog->raise();
+    environmentDialog->activateWindow();
+    return environmentDialog;
+}
+
 void OnlineResourcesWidget::buildLayout()
 {
     auto *layout = new QVBoxLayout(this);
@@ -124,6 +136,9 @@ void OnlineResourcesWidget::buildLayout()
     uploadButton = new QPushButton(this);
     uploadButton->setObjectName(QStringLiteral("uploadButton"));
     controls->addWidget(uploadButton);
+    environmentsButton = new QPushButton(this);
+    environmentsButton->setObjectName(QStringLiteral("environmentsButton"));
+    controls->addWidget(environmentsButton);
     layout->addLayout(controls);
 
     stack = new QStackedWidget(this);
@@ -159,6 +174,7 @@ void OnlineResourcesWidget::buildLayout()
     connect(sortCombo, &QComboBox::currentIndexChanged, this, &OnlineResourcesWidget::onSortChanged);
     connect(refreshButton, &QToolButton::clicked, this, &OnlineResourcesWidget::onRefreshClicked);
     connect(uploadButton, &QPushButton::clicked, this, &OnlineResourcesWidget::onUploadClicked);
+    connect(environmentsButton, &QPushButton::clicked, this, &OnlineResourcesWidget::showPythonEnvironments);
     connect(scrollArea->verticalScrollBar(), &QScrollBar::valueChanged, this,
             &OnlineResourcesWidget::onScrollValueChanged);
 
@@ -284,6 +300,7 @@ void OnlineResourcesWidget::retranslateUi()
     searchEdit->setPlaceholderText(tr("Search scripts..."));
     refreshButton->setToolTip(tr("Refresh"));
     uploadButton->setText(tr("Publish Script"));
+    environmentsButton->setText(tr("Python Environments..."));
     typeFilter->setItemText(0, tr("All Types"));
     sortCombo->setItemText(0, tr("Popular"));
     sortCombo->setItemText(1, tr("Newest"));

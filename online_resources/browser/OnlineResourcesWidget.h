@@ -26,6 +26,7 @@ class OnlineResourcesPlugin;
 class OnnxCard;
 class PluginHost;
 class PublishFlow;
+class PythonEnvironmentDialog;
 class QenvCard;
 class ScreenTargetOpener;
 class ScriptCard;
@@ -59,6 +60,8 @@ public:
     bool isAdministrator() const;
     // Opens a dialog in a given state for the development host's --open ("script-details:NAME", ...).
     Q_INVOKABLE bool openTarget(const QString &target);
+    // Shows the local Python environment manager's window, made on first use.
+    PythonEnvironmentDialog *showPythonEnvironments();
 
 Q_SIGNALS:
     void scriptDownloaded(const QString &filePath);
@@ -167,6 +170,8 @@ private:
     QComboBox *sortCombo = nullptr;
     ThemedToolButton *refreshButton = nullptr;
     QPushButton *uploadButton = nullptr;
+    QPushButton *environmentsButton = nullptr;
+    PythonEnvironmentDialog *environmentDialog = nullptr;
     QStackedWidget *stack = nullptr;
     QScrollArea *scrollArea = nullptr;
     QWidget *gridContainer = nullptr;

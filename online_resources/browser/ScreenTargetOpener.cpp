@@ -5,9 +5,13 @@
 #include "access/AuthorizationManagementDialog.h"
 #include "api/OnlineResourcesAPI.h"
 #include "publish/PublishFlow.h"
+#include "pyenv/dialogs/PythonEnvironmentDialog.h"
 
+#include <QHash>
 #include <QJsonArray>
+#include <QPushButton>
 #include <QTextStream>
+#include <QTimer>
 
 namespace Quorix {
 
@@ -39,6 +43,8 @@ bool ScreenTargetOpener::open(const QString &target)
         return openDetails(Kind::Weights, argument, "onOnnxDownloadClicked");
     if (kind == QLatin1String("environment-install"))
         return openDetails(Kind::Environments, argument, "onQenvInstallClicked");
+    if (kind == QLatin1String("environments"))
+        return openEnvironments(argument);
     return false;
 }
 
@@ -84,6 +90,23 @@ bool ScreenTargetOpener::openDownloadProgress(const QString &argument)
     auto *dialog = new DownloadProgressDialog(page);
     dialog->begin(tr("Downloading..."));
     dialog->showProgress(amounts.first().toLongLong(), amounts.last().toLongLong());
+    return true;
+}
+
+bool ScreenTargetOpener::openEnvironments(const QString &argument)
+{
+    // "environments:log" opens the operation log; "environments:create" and "environments:install" open the dialog
+    // behind that button once the window has settled.
+    static const QHash<QString, QString> buttons{{QStringLiteral("log"), QStringLiteral("logToggleButton")},
+                                                 {QStringLiteral("create"), QStringLiteral("newButton")},
+                                                 {QStringLiteral("install"), QStringLiteral("installButton")}};
+    PythonEnvironmentDialog *dialog = page->showPythonEnvironments();
+    if (argument.isEmpty())
+        return true;
+    auto *button = dialog->findChild<QPushButton *>(buttons.value(argument));
+    if (!button)
+        return false;
+    QTimer::singleShot(500, button, &QPushButton::click);
     return true;
 }
 

@@ -32,6 +32,8 @@ private:
 
     using RecordHandler = std::function<void(const QJsonObject &record)>;
 
+    bool openEnvironments(const QString &argument);
+
     // Looks the resource up by its exact name with the page's credentials, without touching the page's grid.
     void findResource(Kind kind, const QString &name, const RecordHandler &found);
     bool openDetails(Kind kind, const QString &name, const char *clickSlot);

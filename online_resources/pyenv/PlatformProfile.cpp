@@ -2,6 +2,7 @@
 
 #include "plugin/Configuration.h"
 
+#include <QCoreApplication>
 #include <QSysInfo>
 #include <QUrl>
 
@@ -136,6 +137,26 @@ QString PlatformProfile::defaultRequirements() const
     return text;
 }
 
+QString PlatformProfile::defaultRequirementsSummary() const
+{
+    return os == System::Windows ? QStringLiteral("numpy, scipy, opencv, pillow, pywin32")
+                                 : QStringLiteral("numpy, scipy, opencv, pillow");
+}
+
+QString PlatformProfile::extractionFailureMessage(const QString &target) const
+{
+    if (os == System::Windows)
+        return QCoreApplication::translate("Quorix::PythonEnvironmentManager",
+                                           "Failed to extract UV archive.\n\nBoth PowerShell and tar extraction "
+                                           "methods failed.\nThis may happen on custom Windows installations.\n\n"
+                                           "You can manually extract uv.exe from the downloaded zip to:\n%1")
+                .arg(target);
+    return QCoreApplication::translate("Quorix::PythonEnvironmentManager",
+                                       "Failed to extract UV archive.\n\nThe archive could not be unpacked.\n\n"
+                                       "You can manually extract uv from the downloaded archive to:\n%1")
+            .arg(target);
+}
+
 PlatformProfile::Command PlatformProfile::curlCommand(const QString &downloadFile, const QString &url) const
 {
     return {os == System::Windows ? QStringLiteral("curl.exe") : QStringLiteral("curl"),
@@ -144,39 +165,42 @@ PlatformProfile::Command PlatformProfile::curlCommand(const QString &downloadFil
              QStringLiteral("--max-time"), QStringLiteral("300"), url}};
 }
 
-QList<PlatformProfile::Command> PlatformProfile::extractionCommands(const QString &archive, const QString &folder,
-                                                                    bool isZip) const
+QList<PlatformProfile::ExtractionMethod> PlatformProfile::extractionMethods(const QString &archive,
+                                                                            const QString &folder, bool isZip) const
 {
-    const Command tar{QStringLiteral("tar"), {QStringLiteral("-xf"), archive, QStringLiteral("-C"), folder}};
+    const QString tarProgram = os == System::Windows ? QStringLiteral("tar.exe") : QStringLiteral("tar");
+    const ExtractionMethod tar{{tarProgram, {QStringLiteral("-tf"), archive}},
+                               {tarProgram, {QStringLiteral("-tvf"), archive}},
+                               {tarProgram, {QStringLiteral("-xf"), archive, QStringLiteral("-C"), folder}}};
     if (os == System::Windows) {
-        const QString script
-                = QStringLiteral("Expand-Archive -LiteralPath '%1' -DestinationPath '%2' -Force").arg(archive, folder);
-        return {{QStringLiteral("powershell.exe"),
-                 {QStringLiteral("-NoProfile"), QStringLiteral("-ExecutionPolicy"), QStringLiteral("Bypass"),
-                  QStringLiteral("-Command"), script}},
-                {QStringLiteral("tar.exe"), tar.arguments}};
+        const QStringList powershell{QStringLiteral("-NoProfile"), QStringLiteral("-ExecutionPolicy"),
+                                     QStringLiteral("Bypass"), QStringLiteral("-Command")};
+        // Expand-Archive never creates links, so the entry names are all there is to vet.
+        const QString listing = QStringLiteral("Add-Type -AssemblyName System.IO.Compression.FileSystem; "
+                                               "$zip = [System.IO.Compression.ZipFile]::OpenRead('%1'); "
+                                               "try { $zip.Entries | ForEach-Object { $_.FullName } } "
+                                               "finally { $zip.Dispose() }")
+                                        .arg(powerShellQuoted(archive));
+        const QString expand = QStringLiteral("Expand-Archive -LiteralPath '%1' -DestinationPath '%2' -Force")
+                                       .arg(powerShellQuoted(archive), powerShellQuoted(folder));
+        return {{{QStringLiteral("powershell.exe"), powershell + QStringList{listing}},
+                 {},
+                 {QStringLiteral("powershell.exe"), powershell + QStringList{expand}}},
+                tar};
     }
     // GNU tar cannot read zip files; macOS's bsdtar can, and unzip is the usual tool for them on Linux.
     if (isZip && os == System::Linux)
-        return {{QStringLiteral("unzip"),
-                 {QStringLiteral("-q"), QStringLiteral("-o"), archive, QStringLiteral("-d"), folder}}};
+        return {{{QStringLiteral("unzip"), {QStringLiteral("-Z1"), archive}},
+                 {QStringLiteral("unzip"), {QStringLiteral("-Z"), archive}},
+                 {QStringLiteral("unzip"),
+                  {QStringLiteral("-q"), QStringLiteral("-o"), archive, QStringLiteral("-d"), folder}}}};
     return {tar};
 }
 
-PlatformProfile::Command PlatformProfile::memberNamesCommand(const QString &archive, bool isZip) const
+QString PlatformProfile::powerShellQuoted(QString text)
 {
-    if (isZip && os == System::Linux)
-        return {QStringLiteral("unzip"), {QStringLiteral("-Z1"), archive}};
-    return {os == System::Windows ? QStringLiteral("tar.exe") : QStringLiteral("tar"),
-            {QStringLiteral("-tf"), archive}};
-}
-
-PlatformProfile::Command PlatformProfile::longListingCommand(const QString &archive, bool isZip) const
-{
-    if (isZip && os == System::Linux)
-        return {QStringLiteral("unzip"), {QStringLiteral("-Z"), archive}};
-    return {os == System::Windows ? QStringLiteral("tar.exe") : QStringLiteral("tar"),
-            {QStringLiteral("-tvf"), archive}};
+    // Inside single quotes PowerShell reads a doubled quote as one, so a user name like O'Brien stays a path.
+    return text.replace(QLatin1Char('\''), QStringLiteral("''"));
 }
 
 PlatformProfile::Command PlatformProfile::versionProbeCommand(const QString &interpreter) const

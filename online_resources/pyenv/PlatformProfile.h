@@ -19,6 +19,15 @@ public:
         QStringList arguments;
     };
 
+    // One way to unpack an archive: the same tool lists the members, shows where links point (no program when the
+    // names alone decide) and extracts, so a missing or broken tool costs only its own attempt.
+    struct ExtractionMethod
+    {
+        Command memberNames;
+        Command longListing;
+        Command extract;
+    };
+
     static PlatformProfile windows();
     static PlatformProfile linuxGnu(const QString &cpu = QStringLiteral("x86_64"));
     static PlatformProfile macos(const QString &cpu = QStringLiteral("aarch64"));
@@ -37,14 +46,13 @@ public:
     QStringList verifiedModules() const;
     QString verificationScript() const;
     QString defaultRequirements() const;
+    // The default list as the create dialog names it.
+    QString defaultRequirementsSummary() const;
+    QString extractionFailureMessage(const QString &target) const;
 
     Command curlCommand(const QString &downloadFile, const QString &url) const;
-    // Extraction attempts in the order they are tried; each later one starts from an emptied folder.
-    QList<Command> extractionCommands(const QString &archive, const QString &folder, bool isZip) const;
-    // Listings used to vet an archive before anything is unpacked: the member names, then the long listing that
-    // shows link targets (empty when the names alone decide).
-    Command memberNamesCommand(const QString &archive, bool isZip) const;
-    Command longListingCommand(const QString &archive, bool isZip) const;
+    // Extraction methods in the order they are tried; each later one starts from an emptied folder.
+    QList<ExtractionMethod> extractionMethods(const QString &archive, const QString &folder, bool isZip) const;
 
     Command versionProbeCommand(const QString &interpreter) const;
     Command verificationCommand(const QString &environmentFolder) const;
@@ -65,6 +73,7 @@ private:
     PlatformProfile(System system, const QString &asset);
 
     static QStringList extraIndexArguments(const QStringList &urls);
+    static QString powerShellQuoted(QString text);
 
     System os;
     QString asset;

@@ -1,5 +1,7 @@
 #include "PythonEnvironmentManager.h"
 
+#include "ArchiveExtractor.h"
+
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -36,86 +38,6 @@ void appendBounded(QString &collected, const QString &text)
         collected.remove(0, collected.size() - outputLimit);
 }
 
-struct BlockingResult
-{
-    bool succeeded = false;
-    QString standardOutput;
-    QString standardError;
-};
-
-// Runs a program to completion on the calling worker; a child that outlives its limit is killed rather than left
-// holding the worker.
-BlockingResult runBlocking(const PlatformProfile::Command &command, int limitMs)
-{
-    QProcess process;
-    process.start(command.program, command.arguments);
-    BlockingResult result;
-    if (!process.waitForStarted(limitMs)) {
-        result.standardError = process.errorString();
-        return result;
-    }
-    if (!process.waitForFinished(limitMs)) {
-        process.kill();
-        process.waitForFinished(probeLimitMs);
-        result.standardError = process.errorString();
-        return result;
-    }
-    result.standardOutput = QString::fromUtf8(process.readAllStandardOutput());
-    result.standardError = QString::fromUtf8(process.readAllStandardError());
-    result.succeeded = process.exitStatus() == QProcess::NormalExit && process.exitCode() == 0;
-    return result;
-}
-
-bool isZipFile(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) && file.read(4) == QByteArrayLiteral("PK\x03\x04");
-}
-
-// A member may only name something below the extraction folder: no absolute paths, drive letters or parent steps.
-bool staysInside(QString member)
-{
-    member.replace(QLatin1Char('\\'), QLatin1Char('/'));
-    if (member.startsWith(QLatin1Char('/')) || (member.size() > 1 && member.at(1) == QLatin1Char(':')))
-        return false;
-    const QStringList steps = member.split(QLatin1Char('/'));
-    return !steps.contains(QStringLiteral(".."));
-}
-
-enum class ArchiveVerdict { Safe, Unsafe, Unreadable };
-
-// Lists the archive before unpacking it so that no member, and no link an unpacker would follow, can write outside
-// the extraction folder.
-ArchiveVerdict inspectArchive(const PlatformProfile &profile, const QString &archive, bool isZip)
-{
-    const BlockingResult names = runBlocking(profile.memberNamesCommand(archive, isZip), extractionLimitMs);
-    if (!names.succeeded)
-        return ArchiveVerdict::Unreadable;
-    const QStringList members = names.standardOutput.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
-    for (const QString &member : members) {
-        if (!staysInside(member.trimmed()))
-            return ArchiveVerdict::Unsafe;
-    }
-
-    const BlockingResult listing = runBlocking(profile.longListingCommand(archive, isZip), extractionLimitMs);
-    if (!listing.succeeded)
-        return ArchiveVerdict::Unreadable;
-    const QStringList lines = listing.standardOutput.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
-    for (const QString &line : lines) {
-        const QChar kind = line.at(0);
-        if (kind != QLatin1Char('l') && kind != QLatin1Char('h'))
-            continue;
-        // zip listings do not show where a link points, so links in zip archives are refused outright.
-        if (isZip)
-            return ArchiveVerdict::Unsafe;
-        const QString separator = kind == QLatin1Char('l') ? QStringLiteral(" -> ") : QStringLiteral(" link to ");
-        const qsizetype at = line.lastIndexOf(separator);
-        if (at < 0 || !staysInside(line.mid(at + separator.size()).trimmed()))
-            return ArchiveVerdict::Unsafe;
-    }
-    return ArchiveVerdict::Safe;
-}
-
 bool removeFolder(const QString &path)
 {
     QDir folder(path);
@@ -128,59 +50,37 @@ struct ExtractionResult
     QString error;
 };
 
+QString findProgram(const QString &folder, const QString &programName)
+{
+    const QDir extractionDir(folder);
+    if (QFileInfo(extractionDir.filePath(programName)).isFile())
+        return extractionDir.filePath(programName);
+    const QStringList entries = extractionDir.entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden);
+    for (const QString &entry : entries) {
+        const QString candidate = extractionDir.filePath(entry) + QLatin1Char('/') + programName;
+        if (QFileInfo(candidate).isFile())
+            return candidate;
+    }
+    return QString();
+}
+
 ExtractionResult extractAndInstall(const PlatformProfile &profile, const QString &archive, const QString &folder,
                                    const QString &baseFolder)
 {
     QDir().mkpath(baseFolder);
-    removeFolder(folder);
-    QDir().mkpath(folder);
-
-    const bool isZip = isZipFile(archive);
-    bool extracted = false;
-    const ArchiveVerdict verdict = inspectArchive(profile, archive, isZip);
-    if (verdict == ArchiveVerdict::Safe) {
-        const QList<PlatformProfile::Command> attempts = profile.extractionCommands(archive, folder, isZip);
-        for (qsizetype i = 0; i < attempts.size() && !extracted; ++i) {
-            // A failed attempt may leave half an archive behind; the next one starts from an empty folder.
-            if (i > 0) {
-                removeFolder(folder);
-                QDir().mkpath(folder);
-            }
-            extracted = runBlocking(attempts.at(i), extractionLimitMs).succeeded;
-        }
-    }
+    const ArchiveExtractor::Verdict verdict = ArchiveExtractor::extract(
+            profile.extractionMethods(archive, folder, ArchiveExtractor::isZipFile(archive)), folder,
+            extractionLimitMs);
     QFile::remove(archive);
 
-    const QString uvName = profile.uvFileName();
     const QString target = profile.uvPath(baseFolder);
-    if (verdict == ArchiveVerdict::Unsafe) {
-        removeFolder(folder);
+    if (verdict == ArchiveExtractor::Verdict::Unsafe)
         return {false, PythonEnvironmentManager::tr("Failed to extract UV archive.\n\nThe archive holds entries that "
                                                     "would be written outside its folder.")};
-    }
-    if (!extracted) {
-        removeFolder(folder);
-        return {false, PythonEnvironmentManager::tr("Failed to extract UV archive.\n\nBoth PowerShell and tar "
-                                                    "extraction methods failed.\nThis may happen on custom Windows "
-                                                    "installations.\n\nYou can manually extract %1 from the "
-                                                    "downloaded zip to:\n%2")
-                               .arg(uvName, target)};
-    }
+    if (verdict == ArchiveExtractor::Verdict::Failed)
+        return {false, profile.extractionFailureMessage(target)};
 
-    QString found;
-    const QDir extractionDir(folder);
-    if (QFileInfo(extractionDir.filePath(uvName)).isFile()) {
-        found = extractionDir.filePath(uvName);
-    } else {
-        const QStringList entries = extractionDir.entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden);
-        for (const QString &entry : entries) {
-            const QString candidate = extractionDir.filePath(entry) + QLatin1Char('/') + uvName;
-            if (QFileInfo(candidate).isFile()) {
-                found = candidate;
-                break;
-            }
-        }
-    }
+    const QString found = findProgram(folder, profile.uvFileName());
     bool installed = false;
     if (!found.isEmpty()) {
         QFile::remove(target);
@@ -188,7 +88,8 @@ ExtractionResult extractAndInstall(const PlatformProfile &profile, const QString
     }
     removeFolder(folder);
     if (!installed)
-        return {false, PythonEnvironmentManager::tr("Could not find %1 in extracted archive").arg(uvName)};
+        return {false,
+                PythonEnvironmentManager::tr("Could not find %1 in extracted archive").arg(profile.uvFileName())};
     return {true, QString()};
 }
 
@@ -297,8 +198,20 @@ QStringList PythonEnvironmentManager::extraIndexUrls(const QString &environmentF
 
 bool PythonEnvironmentManager::isValidEnvironmentName(const QString &name)
 {
-    static const QRegularExpression pattern(QStringLiteral("^[a-zA-Z0-9_-]+$"));
-    return pattern.match(name).hasMatch();
+    // Names reach the file system as one folder below the base folder: anything that could step out of it, name
+    // the base folder itself, or that Windows would map to a device is refused; everything else is a folder name.
+    static const QRegularExpression onlyDots(QStringLiteral("^\\.*$"));
+    static const QRegularExpression forbidden(QStringLiteral("[/\\\\:\\x00-\\x1f\\x7f]"));
+    static const QRegularExpression reserved(QStringLiteral("^(con|prn|aux|nul|com[1-9]|lpt[1-9])(\\..*)?$"),
+                                             QRegularExpression::CaseInsensitiveOption);
+    return !onlyDots.match(name).hasMatch() && !forbidden.match(name).hasMatch() && !reserved.match(name).hasMatch();
+}
+
+bool PythonEnvironmentManager::isPackageArgument(const QString &spec)
+{
+    // uv reads anything starting with a dash as one of its own options ("--index-url=...", "-e ."), never as a
+    // package, so such text is refused instead of being passed on.
+    return !spec.trimmed().isEmpty() && !spec.startsWith(QLatin1Char('-'));
 }
 
 QString PythonEnvironmentManager::classifyOutput(const QString &output)
@@ -388,7 +301,8 @@ void PythonEnvironmentManager::startCurlFallback(const QString &url, const QStri
     const QString base = baseFolder();
     const QString folder = QDir::tempPath() + QStringLiteral("/uv_extract");
     QThreadPool::globalInstance()->start([this, profile, url, downloadFile, base, folder] {
-        const BlockingResult curl = runBlocking(profile.curlCommand(downloadFile, url), curlLimitMs);
+        const ArchiveExtractor::BlockingResult curl
+                = ArchiveExtractor::runBlocking(profile.curlCommand(downloadFile, url), curlLimitMs);
         ExtractionResult result;
         if (curl.succeeded && QFileInfo::exists(downloadFile)) {
             result = extractAndInstall(profile, downloadFile, folder, base);
@@ -672,6 +586,24 @@ void PythonEnvironmentManager::syncEnvironment(const QString &name)
     installRequirements(name, false);
 }
 
+bool PythonEnvironmentManager::checkPackageOperation(const QString &envName, const QStringList &arguments)
+{
+    if (!ensureUv())
+        return false;
+    if (!isValidEnvironmentName(envName) || !QFileInfo(environmentPath(envName)).isDir()) {
+        emit operationFinished(false, tr("Environment not found"));
+        return false;
+    }
+    for (const QString &argument : arguments) {
+        if (!isPackageArgument(argument)) {
+            emit operationFinished(
+                    false, tr("Operation failed.\n\n%1").arg(tr("'%1' is not a package specification").arg(argument)));
+            return false;
+        }
+    }
+    return true;
+}
+
 void PythonEnvironmentManager::runPackageOperation(const QString &envName, const QString &startedText,
                                                    const PlatformProfile::Command &command)
 {
@@ -689,7 +621,7 @@ void PythonEnvironmentManager::runPackageOperation(const QString &envName, const
 
 void PythonEnvironmentManager::installPackage(const QString &envName, const QString &packageSpec)
 {
-    if (!ensureUv())
+    if (!checkPackageOperation(envName, {packageSpec}))
         return;
     const QString folder = environmentPath(envName);
     runPackageOperation(envName, tr("Installing %1...").arg(packageSpec),
@@ -698,7 +630,7 @@ void PythonEnvironmentManager::installPackage(const QString &envName, const QStr
 
 void PythonEnvironmentManager::installPackages(const QString &envName, const QStringList &packageSpecs)
 {
-    if (!ensureUv())
+    if (!checkPackageOperation(envName, packageSpecs))
         return;
     const QString folder = environmentPath(envName);
     runPackageOperation(envName, tr("Installing %1 packages...").arg(packageSpecs.size()),
@@ -707,7 +639,7 @@ void PythonEnvironmentManager::installPackages(const QString &envName, const QSt
 
 void PythonEnvironmentManager::uninstallPackage(const QString &envName, const QString &packageName)
 {
-    if (!ensureUv())
+    if (!checkPackageOperation(envName, {packageName}))
         return;
     runPackageOperation(envName, tr("Uninstalling %1...").arg(packageName),
                         platform.uninstallCommand(baseFolder(), environmentPath(envName), {packageName}));
@@ -715,7 +647,7 @@ void PythonEnvironmentManager::uninstallPackage(const QString &envName, const QS
 
 void PythonEnvironmentManager::uninstallPackages(const QString &envName, const QStringList &packageNames)
 {
-    if (!ensureUv())
+    if (!checkPackageOperation(envName, packageNames))
         return;
     runPackageOperation(envName, tr("Uninstalling %1 packages...").arg(packageNames.size()),
                         platform.uninstallCommand(baseFolder(), environmentPath(envName), packageNames));
@@ -723,7 +655,7 @@ void PythonEnvironmentManager::uninstallPackages(const QString &envName, const Q
 
 void PythonEnvironmentManager::updatePackage(const QString &envName, const QString &packageName)
 {
-    if (!ensureUv())
+    if (!checkPackageOperation(envName, {packageName}))
         return;
     const QString folder = environmentPath(envName);
     runPackageOperation(envName, tr("Updating %1...").arg(packageName),
@@ -735,21 +667,58 @@ QList<PythonEnvironmentManager::Package> PythonEnvironmentManager::listPackages(
     if (!ensureUv())
         return {};
     QList<Package> packages;
-    const PlatformProfile::Command command = platform.listCommand(baseFolder(), environmentPath(envName));
-    QProcess process;
-    process.setProcessEnvironment(QProcessEnvironment::systemEnvironment());
-    process.start(command.program, command.arguments);
-    if (process.waitForFinished(listingLimitMs)) {
-        const QJsonArray entries = QJsonDocument::fromJson(process.readAllStandardOutput()).array();
-        for (const QJsonValue &entry : entries) {
-            const QJsonObject object = entry.toObject();
-            packages << Package{object.value("name").toString(), object.value("version").toString()};
+    if (isValidEnvironmentName(envName)) {
+        const PlatformProfile::Command command = platform.listCommand(baseFolder(), environmentPath(envName));
+        QProcess process;
+        process.setProcessEnvironment(QProcessEnvironment::systemEnvironment());
+        process.start(command.program, command.arguments);
+        if (process.waitForFinished(listingLimitMs)) {
+            packages = parsePackageList(process.readAllStandardOutput());
+        } else {
+            process.kill();
+            process.waitForFinished(probeLimitMs);
         }
-    } else {
-        process.kill();
-        process.waitForFinished(probeLimitMs);
     }
     emit packagesLoaded(packages);
+    return packages;
+}
+
+void PythonEnvironmentManager::listPackagesAsync(const QString &envName)
+{
+    if (!isUvInstalled() || !isValidEnvironmentName(envName)) {
+        QMetaObject::invokeMethod(
+                this, [this] { emit packagesLoaded({}); }, Qt::QueuedConnection);
+        return;
+    }
+    const PlatformProfile::Command command = platform.listCommand(baseFolder(), environmentPath(envName));
+    auto *process = new QProcess(this);
+    process->setProcessEnvironment(QProcessEnvironment::systemEnvironment());
+    auto *limit = new QTimer(process);
+    limit->setSingleShot(true);
+    connect(limit, &QTimer::timeout, process, &QProcess::kill);
+    connect(process, &QProcess::finished, this, [this, process](int exitCode, QProcess::ExitStatus status) {
+        process->deleteLater();
+        const bool listed = status == QProcess::NormalExit && exitCode == 0;
+        emit packagesLoaded(listed ? parsePackageList(process->readAllStandardOutput()) : QList<Package>());
+    });
+    connect(process, &QProcess::errorOccurred, this, [this, process](QProcess::ProcessError error) {
+        if (error != QProcess::FailedToStart)
+            return;
+        process->deleteLater();
+        emit packagesLoaded({});
+    });
+    limit->start(listingLimitMs);
+    process->start(command.program, command.arguments);
+}
+
+QList<PythonEnvironmentManager::Package> PythonEnvironmentManager::parsePackageList(const QByteArray &json)
+{
+    QList<Package> packages;
+    const QJsonArray entries = QJsonDocument::fromJson(json).array();
+    for (const QJsonValue &entry : entries) {
+        const QJsonObject object = entry.toObject();
+        packages << Package{object.value("name").toString(), object.value("version").toString()};
+    }
     return packages;
 }
 

@@ -51,7 +51,10 @@ public:
     QString pythonVersion(const QString &interpreter) const;
     QStringList extraIndexUrls(const QString &environmentFolder) const;
 
+    // Whether a name can be an environment folder without escaping or breaking the base folder.
     static bool isValidEnvironmentName(const QString &name);
+    // Whether uv will read the text as a package and not as one of its options.
+    static bool isPackageArgument(const QString &spec);
     // Turns uv's raw output into an explanation for the user, or returns it as it is when nothing is recognised.
     static QString classifyOutput(const QString &output);
 
@@ -70,6 +73,8 @@ public:
     Q_INVOKABLE void uninstallPackages(const QString &envName, const QStringList &packageNames);
     Q_INVOKABLE void updatePackage(const QString &envName, const QString &packageName);
     Q_INVOKABLE QList<Quorix::PythonEnvironmentManager::Package> listPackages(const QString &envName);
+    // The same listing without blocking: packagesLoaded follows once uv has answered, an empty list on failure.
+    Q_INVOKABLE void listPackagesAsync(const QString &envName);
 
 signals:
     void uvDownloadProgress(qint64 bytesReceived, qint64 bytesTotal);
@@ -109,8 +114,10 @@ private:
     std::function<bool()> requirementsWriter(const QString &name, const QString &requirementsPath) const;
     void installRequirements(const QString &name, bool retry);
     void verifyImports(const QString &name, bool afterReinstall, int runsDone);
+    bool checkPackageOperation(const QString &envName, const QStringList &arguments);
     void runPackageOperation(const QString &envName, const QString &startedText,
                              const PlatformProfile::Command &command);
+    static QList<Package> parsePackageList(const QByteArray &json);
     void finishWithFailure(const QString &text, const ProcessResult &result);
 
     PlatformProfile platform;

@@ -15,6 +15,8 @@ private slots:
     void windowsBootstrapCommandLines();
     void windowsVerificationScript();
     void defaultRequirementsPerPlatform();
+    void platformTexts_data();
+    void platformTexts();
     void linuxCommandLines();
     void downloadFileFollowsTheArchiveKind();
 };
@@ -80,15 +82,31 @@ void PlatformProfileTest::windowsBootstrapCommandLines()
     QCOMPARE(curl.arguments, QStringList({"--fail", "--silent", "--show-error", "-L", "-o", archive,
                                           "--connect-timeout", "30", "--max-time", "300", windows.releaseUrl()}));
 
-    const QList<PlatformProfile::Command> extraction = windows.extractionCommands(archive, folder, true);
-    QCOMPARE(extraction.size(), 2);
-    QCOMPARE(extraction.at(0).program, QStringLiteral("powershell.exe"));
-    QCOMPARE(extraction.at(0).arguments,
-             QStringList({"-NoProfile", "-ExecutionPolicy", "Bypass", "-Command",
-                          "Expand-Archive -LiteralPath 'C:/Temp/uv_download.zip' -DestinationPath "
-                          "'C:/Temp/uv_extract' -Force"}));
-    QCOMPARE(extraction.at(1).program, QStringLiteral("tar.exe"));
-    QCOMPARE(extraction.at(1).arguments, QStringList({"-xf", archive, "-C", folder}));
+    // PowerShell lists and extracts first; tar.exe is only the fallback, with its own listing.
+    const QStringList bypass{"-NoProfile", "-ExecutionPolicy", "Bypass", "-Command"};
+    const QList<PlatformProfile::ExtractionMethod> methods = windows.extractionMethods(archive, folder, true);
+    QCOMPARE(methods.size(), 2);
+    QCOMPARE(methods.at(0).memberNames.program, QStringLiteral("powershell.exe"));
+    QCOMPARE(methods.at(0).memberNames.arguments,
+             bypass
+                     + QStringList{"Add-Type -AssemblyName System.IO.Compression.FileSystem; $zip = "
+                                   "[System.IO.Compression.ZipFile]::OpenRead('C:/Temp/uv_download.zip'); try { "
+                                   "$zip.Entries | ForEach-Object { $_.FullName } } finally { $zip.Dispose() }"});
+    QVERIFY(methods.at(0).longListing.program.isEmpty());
+    QCOMPARE(methods.at(0).extract.program, QStringLiteral("powershell.exe"));
+    QCOMPARE(methods.at(0).extract.arguments,
+             bypass
+                     + QStringList{"Expand-Archive -LiteralPath 'C:/Temp/uv_download.zip' -DestinationPath "
+                                   "'C:/Temp/uv_extract' -Force"});
+    QCOMPARE(methods.at(1).memberNames.program, QStringLiteral("tar.exe"));
+    QCOMPARE(methods.at(1).memberNames.arguments, QStringList({"-tf", archive}));
+    QCOMPARE(methods.at(1).longListing.arguments, QStringList({"-tvf", archive}));
+    QCOMPARE(methods.at(1).extract.program, QStringLiteral("tar.exe"));
+    QCOMPARE(methods.at(1).extract.arguments, QStringList({"-xf", archive, "-C", folder}));
+    QVERIFY(windows.extractionMethods("C:/Users/O'Brien/uv.zip", folder, true)
+                    .at(0)
+                    .extract.arguments.last()
+                    .startsWith("Expand-Archive -LiteralPath 'C:/Users/O''Brien/uv.zip' "));
     QCOMPARE(windows.downloadFilePath("C:/Temp", windows.releaseUrl()), archive);
 }
 
@@ -112,6 +130,36 @@ void PlatformProfileTest::defaultRequirementsPerPlatform()
     QCOMPARE(PlatformProfile::macos().defaultRequirements(), common);
 }
 
+void PlatformProfileTest::platformTexts_data()
+{
+    QTest::addColumn<QString>("system");
+    QTest::addColumn<QString>("defaultSummary");
+    QTest::addColumn<QString>("extractionFailure");
+    const QString elsewhere = "Failed to extract UV archive.\n\nThe archive could not be unpacked.\n\nYou can manually "
+                              "extract uv from the downloaded archive to:\n/b/uv";
+    QTest::newRow("windows") << "windows"
+                             << "numpy, scipy, opencv, pillow, pywin32"
+                             << "Failed to extract UV archive.\n\nBoth PowerShell and tar extraction methods failed.\n"
+                                "This may happen on custom Windows installations.\n\nYou can manually extract uv.exe "
+                                "from the downloaded zip to:\n/b/uv";
+    QTest::newRow("linux") << "linux"
+                           << "numpy, scipy, opencv, pillow" << elsewhere;
+    QTest::newRow("macos") << "macos"
+                           << "numpy, scipy, opencv, pillow" << elsewhere;
+}
+
+void PlatformProfileTest::platformTexts()
+{
+    QFETCH(QString, system);
+    const PlatformProfile profile = system == "windows" ? PlatformProfile::windows()
+                                    : system == "linux" ? PlatformProfile::linuxGnu()
+                                                        : PlatformProfile::macos();
+    QFETCH(QString, defaultSummary);
+    QFETCH(QString, extractionFailure);
+    QCOMPARE(profile.defaultRequirementsSummary(), defaultSummary);
+    QCOMPARE(profile.extractionFailureMessage("/b/uv"), extractionFailure);
+}
+
 void PlatformProfileTest::linuxCommandLines()
 {
     const PlatformProfile gnu = PlatformProfile::linuxGnu("x86_64");
@@ -122,11 +170,12 @@ void PlatformProfileTest::linuxCommandLines()
     QCOMPARE(PlatformProfile::macos("arm64").releaseAsset(), QStringLiteral("uv-aarch64-apple-darwin.tar.gz"));
     QCOMPARE(gnu.curlCommand("/tmp/uv_download.tar.gz", "http://h/a").program, QStringLiteral("curl"));
 
-    const QList<PlatformProfile::Command> tar = gnu.extractionCommands("/tmp/a.tar.gz", "/tmp/uv_extract", false);
+    const QList<PlatformProfile::ExtractionMethod> tar
+            = gnu.extractionMethods("/tmp/a.tar.gz", "/tmp/uv_extract", false);
     QCOMPARE(tar.size(), 1);
-    QCOMPARE(tar.at(0).program, QStringLiteral("tar"));
-    QCOMPARE(tar.at(0).arguments, QStringList({"-xf", "/tmp/a.tar.gz", "-C", "/tmp/uv_extract"}));
-    QCOMPARE(gnu.extractionCommands("/tmp/a.zip", "/tmp/x", true).at(0).program, QStringLiteral("unzip"));
+    QCOMPARE(tar.at(0).extract.program, QStringLiteral("tar"));
+    QCOMPARE(tar.at(0).extract.arguments, QStringList({"-xf", "/tmp/a.tar.gz", "-C", "/tmp/uv_extract"}));
+    QCOMPARE(gnu.extractionMethods("/tmp/a.zip", "/tmp/x", true).at(0).extract.program, QStringLiteral("unzip"));
     QCOMPARE(gnu.createCommand("/b", "/b/env1", "3.11").program, QStringLiteral("/b/uv"));
 }
 

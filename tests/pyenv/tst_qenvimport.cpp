@@ -111,7 +111,8 @@ void QenvImportTest::rejectedFilesWriteNothing_data()
     QTest::newRow("parent path") << QByteArray("{\"name\": \"../x\"}") << ".qenv file has an invalid environment name";
     QTest::newRow("sub folder") << QByteArray("{\"name\": \"a/b\"}") << ".qenv file has an invalid environment name";
     QTest::newRow("dots") << QByteArray("{\"name\": \"..\"}") << ".qenv file has an invalid environment name";
-    QTest::newRow("space") << QByteArray("{\"name\": \"my env\"}") << ".qenv file has an invalid environment name";
+    QTest::newRow("device") << QByteArray("{\"name\": \"NUL\"}") << ".qenv file has an invalid environment name";
+    QTest::newRow("drive") << QByteArray("{\"name\": \"c:x\"}") << ".qenv file has an invalid environment name";
 }
 
 void QenvImportTest::rejectedFilesWriteNothing()

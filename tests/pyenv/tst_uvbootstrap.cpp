@@ -1,10 +1,13 @@
 #include "LocalHttpServer.h"
 #include "PyenvTestBed.h"
 #include "TemporaryHome.h"
+#include "pyenv/ArchiveExtractor.h"
 #include "pyenv/PythonEnvironmentManager.h"
 
 #include <QtTest>
 
+using Quorix::ArchiveExtractor;
+using Quorix::PlatformProfile;
 using Quorix::PythonEnvironmentManager;
 using Quorix::Testing::LocalHttpServer;
 using Quorix::Testing::PyenvTestBed;
@@ -24,6 +27,7 @@ private slots:
     void brokenArchiveLeavesNothingBehind();
     void hostileArchiveIsRefused_data();
     void hostileArchiveIsRefused();
+    void missingToolGivesWayToTheNextMethod();
 
 private:
     QByteArray archive(const QString &kind, const QString &memberPath);
@@ -156,9 +160,8 @@ void UvBootstrapTest::brokenArchiveLeavesNothingBehind()
     const QByteArray whole = archive("tar", "uv-x86_64-unknown-linux-gnu/uv");
     server.setBody(whole.left(whole.size() / 2));
     QCOMPARE(download(),
-             QList<QVariant>({false, QString("Failed to extract UV archive.\n\nBoth PowerShell and tar extraction "
-                                             "methods failed.\nThis may happen on custom Windows installations.\n\n"
-                                             "You can manually extract uv from the downloaded zip to:\n")
+             QList<QVariant>({false, QString("Failed to extract UV archive.\n\nThe archive could not be unpacked.\n\n"
+                                             "You can manually extract uv from the downloaded archive to:\n")
                                              + manager->uvPath()}));
     QVERIFY(!manager->isUvInstalled());
     verifyNoLeftovers();
@@ -207,6 +210,25 @@ void UvBootstrapTest::hostileArchiveIsRefused()
     QVERIFY(!QFileInfo::exists(outside + "/planted.txt"));
     QVERIFY(!QFileInfo::exists(work.filePath("planted.txt")));
     verifyNoLeftovers();
+}
+
+void UvBootstrapTest::missingToolGivesWayToTheNextMethod()
+{
+    // The Windows order on this machine: a first tool that cannot even list the archive must not stop the second.
+    const QByteArray packed = archive("tar", "uv-x86_64-unknown-linux-gnu/uv");
+    const QString file = work.filePath("ordered.tar.gz");
+    QFile out(file);
+    QVERIFY(out.open(QIODevice::WriteOnly) && out.write(packed) == packed.size());
+    out.close();
+    const QString folder = work.filePath("ordered");
+    const PlatformProfile::ExtractionMethod tar
+            = PlatformProfile::linuxGnu().extractionMethods(file, folder, false).constFirst();
+    const PlatformProfile::ExtractionMethod missing{
+            {"quorix-no-such-tool", {"-l", file}}, {}, {"quorix-no-such-tool", {file}}};
+    QCOMPARE(ArchiveExtractor::extract({missing, tar}, folder, 120000), ArchiveExtractor::Verdict::Extracted);
+    QVERIFY(QFileInfo(folder + "/uv-x86_64-unknown-linux-gnu/uv").isExecutable());
+    QCOMPARE(ArchiveExtractor::extract({missing}, folder, 120000), ArchiveExtractor::Verdict::Failed);
+    QVERIFY(!QFileInfo::exists(folder));
 }
 
 QTEST_GUILESS_MAIN(UvBootstrapTest)

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QByteArray>
 #include <QString>
 #include <QTemporaryDir>
 
@@ -22,6 +23,7 @@ public:
 private:
     QTemporaryDir directory;
     QString previousWorkingDirectory;
+    QByteArray previousHome;
 };
 
 } // namespace Quorix::Testing
