@@ -57,9 +57,7 @@ void EnvironmentInstallFlow::start(const QString &envId)
     const QString directory
             = downloads->isValid() ? downloads->path() : QStandardPaths::writableLocation(QStandardPaths::TempLocation);
     stage = Stage::Downloading;
-    if (!progress)
-        progress = new DownloadProgressDialog(page);
-    progress->begin(tr("Downloading environment..."));
+    progressDialog()->begin(tr("Downloading environment..."));
     api->downloadEnvironment(envId, directory);
 }
 
@@ -152,7 +150,7 @@ void EnvironmentInstallFlow::runManager(Stage next)
 {
     stage = next;
     operationText.clear();
-    progress->begin(next == Stage::Removing ? tr("Replacing environment '%1'...").arg(environmentName)
+    progressDialog()->begin(next == Stage::Removing ? tr("Replacing environment '%1'...").arg(environmentName)
                                             : tr("Installing environment '%1'...").arg(environmentName));
     progress->showBusy(progress->labelText());
     // Connected only while this flow drives the manager, so the environment dialog's own operations pass it by.
@@ -166,6 +164,14 @@ void EnvironmentInstallFlow::runManager(Stage next)
         manager->deleteEnvironmentAsync(environmentName);
     else
         manager->createFromQenv(packagePath);
+}
+
+// A package handed over without a download of this flow's own (another client, a test) needs the dialog too.
+DownloadProgressDialog *EnvironmentInstallFlow::progressDialog()
+{
+    if (!progress)
+        progress = new DownloadProgressDialog(page);
+    return progress;
 }
 
 void EnvironmentInstallFlow::onOperationStarted(const QString &operation)

@@ -47,6 +47,7 @@ private:
     QString readPackageName(const QString &packagePath);
     bool confirmReplacing(const QString &name);
     void runManager(Stage stage);
+    DownloadProgressDialog *progressDialog();
     void onOperationStarted(const QString &operation);
     void onOperationProgress(const QString &output);
     void onOperationFinished(bool success, const QString &error);
