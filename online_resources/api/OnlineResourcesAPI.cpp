@@ -1,7 +1,7 @@
 #include "OnlineResourcesAPI.h"
 
 #include "api/DownloadSink.h"
-#include "plugin/Configuration.h"
+#include "core/Configuration.h"
 
 #include <QDir>
 #include <QFile>

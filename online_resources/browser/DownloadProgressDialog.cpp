@@ -1,6 +1,6 @@
 #include "DownloadProgressDialog.h"
 
-#include "plugin/ResourceRecord.h"
+#include "core/ResourceRecord.h"
 
 #include <QLabel>
 

@@ -11,7 +11,7 @@
 #include "WeightsDownloadFlow.h"
 #include "access/AuthorizationManagementDialog.h"
 #include "api/OnlineResourcesAPI.h"
-#include "plugin/Configuration.h"
+#include "core/Configuration.h"
 #include "publish/PublishFlow.h"
 #include "pyenv/PythonEnvironmentManager.h"
 #include "pyenv/dialogs/PythonEnvironmentDialog.h"

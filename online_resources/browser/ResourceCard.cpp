@@ -1,7 +1,7 @@
 #include "ResourceCard.h"
 
 #include "CardThumbnail.h"
-#include "plugin/ResourceRecord.h"
+#include "core/ResourceRecord.h"
 
 #include <ThemedIcon.h>
 

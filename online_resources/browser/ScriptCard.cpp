@@ -1,6 +1,6 @@
 #include "ScriptCard.h"
 
-#include "plugin/ResourceRecord.h"
+#include "core/ResourceRecord.h"
 
 #include <QLabel>
 #include <QPainter>

@@ -4,7 +4,7 @@
 #include "DownloadProgressDialog.h"
 #include "WeightsLibrary.h"
 #include "api/OnlineResourcesAPI.h"
-#include "plugin/ResourceRecord.h"
+#include "core/ResourceRecord.h"
 
 #include <QDateTime>
 #include <QDir>

@@ -1,7 +1,7 @@
 #include "WeightsLibrary.h"
 
 #include "api/OnlineResourcesAPI.h"
-#include "plugin/ResourceRecord.h"
+#include "core/ResourceRecord.h"
 
 #include <QDir>
 #include <QFile>

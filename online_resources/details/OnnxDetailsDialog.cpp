@@ -1,6 +1,6 @@
 #include "OnnxDetailsDialog.h"
 
-#include "plugin/ResourceRecord.h"
+#include "core/ResourceRecord.h"
 
 #include <QLabel>
 

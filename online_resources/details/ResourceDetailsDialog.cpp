@@ -1,7 +1,7 @@
 #include "ResourceDetailsDialog.h"
 
 #include "RichTextSanitizer.h"
-#include "plugin/ResourceRecord.h"
+#include "core/ResourceRecord.h"
 
 #include <ThemedIcon.h>
 

@@ -1,6 +1,6 @@
 #include "ScriptDetailsDialog.h"
 
-#include "plugin/ResourceRecord.h"
+#include "core/ResourceRecord.h"
 
 #include <QLabel>
 

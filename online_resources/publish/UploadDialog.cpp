@@ -1,8 +1,8 @@
 #include "UploadDialog.h"
 
 #include "api/OnlineResourcesAPI.h"
-#include "plugin/Configuration.h"
-#include "plugin/ResourceRecord.h"
+#include "core/Configuration.h"
+#include "core/ResourceRecord.h"
 
 #include <ThemedIcon.h>
 

@@ -1,6 +1,6 @@
 #include "PlatformProfile.h"
 
-#include "plugin/Configuration.h"
+#include "core/Configuration.h"
 
 #include <QCoreApplication>
 #include <QSysInfo>

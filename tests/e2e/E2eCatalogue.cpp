@@ -1,6 +1,6 @@
 #include "E2eCatalogue.h"
 
-#include "plugin/Configuration.h"
+#include "core/Configuration.h"
 
 #include <QDir>
 #include <QFile>

@@ -1,4 +1,4 @@
-#include "plugin/ResourceRecord.h"
+#include "core/ResourceRecord.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
