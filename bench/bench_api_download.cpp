@@ -7,6 +7,8 @@
 // curl -o + sha256sum + sync in the same run. It also prints how late a 1 ms timer on the GUI thread ever ran during
 // the download and the commit, which is the longest time the window could not repaint.
 
+#include "PatternFile.h"
+#include "ProcessMemory.h"
 #include "ModalAnswerer.h"
 #include "api/OnlineResourcesAPI.h"
 #include "browser/WeightsDownloadFlow.h"
@@ -129,41 +131,6 @@ private:
     std::thread worker;
 };
 
-qint64 statusKilobytes(const char *field)
-{
-    QFile status(QStringLiteral("/proc/self/status"));
-    if (!status.open(QIODevice::ReadOnly))
-        return -1;
-    for (const QByteArray &line : status.readAll().split('\n')) {
-        if (line.startsWith(field))
-            return line.mid(qstrlen(field)).trimmed().split(' ').first().toLongLong();
-    }
-    return -1;
-}
-
-// Makes VmHWM start again from the current resident size.
-void resetPeakResidentSize()
-{
-    QFile clearRefs(QStringLiteral("/proc/self/clear_refs"));
-    if (clearRefs.open(QIODevice::WriteOnly))
-        clearRefs.write("5");
-}
-
-bool writeTestFile(const QString &path)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly))
-        return false;
-    QByteArray chunk(1024 * 1024, Qt::Uninitialized);
-    for (qint64 written = 0; written < fileSize; written += chunk.size()) {
-        for (qsizetype i = 0; i < chunk.size(); ++i)
-            chunk[i] = char((written + i) * 131 >> 3);
-        if (file.write(chunk) != chunk.size())
-            return false;
-    }
-    return true;
-}
-
 struct Measurement
 {
     double seconds = 0;
@@ -186,15 +153,15 @@ Measurement downloadThroughApi(const QString &directory)
         loop.quit();
     });
 
-    resetPeakResidentSize();
-    const qint64 residentBefore = statusKilobytes("VmHWM:");
+    ProcessMemory::resetPeakResidentSize();
+    const qint64 residentBefore = ProcessMemory::statusKilobytes("VmHWM:");
     QElapsedTimer timer;
     timer.start();
     api.downloadScript(QStringLiteral("large"), directory);
     loop.exec();
     Measurement measurement;
     measurement.seconds = timer.nsecsElapsed() / 1e9;
-    measurement.peakGrowthMegabytes = (statusKilobytes("VmHWM:") - residentBefore) / 1024.0;
+    measurement.peakGrowthMegabytes = (ProcessMemory::statusKilobytes("VmHWM:") - residentBefore) / 1024.0;
     measurement.ok = ok;
     return measurement;
 }
@@ -425,14 +392,14 @@ FlowMeasurement downloadThroughWeightsFlow(const QString &weightsId)
     Quorix::Testing::ModalAnswerer closer;
     closer.pressButton(QMessageBox::Ok, 600000);
 
-    resetPeakResidentSize();
-    const qint64 residentBefore = statusKilobytes("VmHWM:");
+    ProcessMemory::resetPeakResidentSize();
+    const qint64 residentBefore = ProcessMemory::statusKilobytes("VmHWM:");
     timer.start();
     stalls.start();
     flow.start(weightsId, QJsonObject{{QStringLiteral("id"), weightsId},
                                       {QStringLiteral("name"), QStringLiteral("Benchmark weights")}});
     loop.exec();
-    measurement.peakGrowthMegabytes = (statusKilobytes("VmHWM:") - residentBefore) / 1024.0;
+    measurement.peakGrowthMegabytes = (ProcessMemory::statusKilobytes("VmHWM:") - residentBefore) / 1024.0;
     closer.waitForAnswer(10000);
     return measurement;
 }
@@ -522,7 +489,7 @@ int main(int argc, char *argv[])
 
     QTemporaryDir workspace;
     const QString source = workspace.filePath(QStringLiteral("served.bin"));
-    if (!writeTestFile(source)) {
+    if (!PatternFile::write(source, fileSize)) {
         std::fprintf(stderr, "cannot write the %lld-byte test file\n", fileSize);
         return 1;
     }

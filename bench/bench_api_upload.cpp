@@ -2,6 +2,8 @@
 // curl -F, alternating, and prints each one's throughput and the client's peak memory growth. The server runs as a
 // process of its own so that its buffering of whole bodies stays out of the client's figures.
 
+#include "PatternFile.h"
+#include "ProcessMemory.h"
 #include "api/OnlineResourcesAPI.h"
 
 #include <QCoreApplication>
@@ -26,41 +28,6 @@ namespace {
 constexpr qint64 fileSize = 200LL * 1024 * 1024;
 constexpr double megabyte = 1024.0 * 1024.0;
 constexpr int rounds = 3;
-
-qint64 statusKilobytes(const char *field)
-{
-    QFile status(QStringLiteral("/proc/self/status"));
-    if (!status.open(QIODevice::ReadOnly))
-        return -1;
-    for (const QByteArray &line : status.readAll().split('\n')) {
-        if (line.startsWith(field))
-            return line.mid(qstrlen(field)).trimmed().split(' ').first().toLongLong();
-    }
-    return -1;
-}
-
-// Makes VmHWM start again from the current resident size.
-void resetPeakResidentSize()
-{
-    QFile clearRefs(QStringLiteral("/proc/self/clear_refs"));
-    if (clearRefs.open(QIODevice::WriteOnly))
-        clearRefs.write("5");
-}
-
-bool writeTestFile(const QString &path)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly))
-        return false;
-    QByteArray chunk(1024 * 1024, Qt::Uninitialized);
-    for (qint64 written = 0; written < fileSize; written += chunk.size()) {
-        for (qsizetype i = 0; i < chunk.size(); ++i)
-            chunk[i] = char((written + i) * 131 >> 3);
-        if (file.write(chunk) != chunk.size())
-            return false;
-    }
-    return true;
-}
 
 quint16 freePort()
 {
@@ -125,14 +92,14 @@ Measurement uploadThroughApi(const QString &token, const QString &path, const QS
         std::fprintf(stderr, "API upload failed: %s\n", qPrintable(error));
         loop.quit();
     });
-    resetPeakResidentSize();
-    const qint64 residentBefore = statusKilobytes("VmHWM:");
+    ProcessMemory::resetPeakResidentSize();
+    const qint64 residentBefore = ProcessMemory::statusKilobytes("VmHWM:");
     QElapsedTimer timer;
     timer.start();
     api.uploadWeights(form);
     loop.exec();
     measurement.seconds = timer.nsecsElapsed() / 1e9;
-    measurement.peakGrowthMegabytes = (statusKilobytes("VmHWM:") - residentBefore) / 1024.0;
+    measurement.peakGrowthMegabytes = (ProcessMemory::statusKilobytes("VmHWM:") - residentBefore) / 1024.0;
     return measurement;
 }
 
@@ -180,7 +147,7 @@ int main(int argc, char **argv)
     QCoreApplication app(argc, argv);
     QTemporaryDir directory;
     const QString path = directory.filePath(QStringLiteral("bench.onnx"));
-    if (!directory.isValid() || !writeTestFile(path)) {
+    if (!directory.isValid() || !PatternFile::write(path, fileSize)) {
         std::fprintf(stderr, "cannot write the test file\n");
         return 1;
     }

@@ -1,3 +1,4 @@
+#include "TestFiles.h"
 #include "RecordingHttpServer.h"
 #include "TemporaryHome.h"
 #include "api/OnlineResourcesAPI.h"
@@ -16,18 +17,6 @@ using namespace Quorix;
 using namespace Quorix::Testing;
 
 namespace {
-
-QByteArray readFile(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
-bool writeFile(const QString &path, const QByteArray &content)
-{
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly) && file.write(content) == content.size();
-}
 
 QStringList entries(const QString &directory)
 {
@@ -116,7 +105,7 @@ void TestApiDownloads::scriptKeepsTheServersQuotedName()
     QVERIFY(downloaded.wait());
     const QString path = directory + "/aim assist v2.gpc3";
     QCOMPARE(downloaded.first().first().toString(), path);
-    QCOMPARE(readFile(path), QByteArray("main { }"));
+    QCOMPARE(TestFiles::read(path), QByteArray("main { }"));
     QCOMPARE(entries(directory), QStringList{"aim assist v2.gpc3"});
 }
 
@@ -131,7 +120,7 @@ void TestApiDownloads::defaultNamesWithoutDisposition()
     QTRY_COMPARE(environments.size(), 1);
     QCOMPARE(scripts.first().first().toString(), directory + "/script.gpc3");
     QCOMPARE(environments.first().first().toString(), directory + "/environment.qenv");
-    QCOMPARE(readFile(directory + "/environment.qenv"), QByteArray("payload"));
+    QCOMPARE(TestFiles::read(directory + "/environment.qenv"), QByteArray("payload"));
 }
 
 void TestApiDownloads::jsonRefusalWritesNothing_data()
@@ -154,7 +143,7 @@ void TestApiDownloads::jsonRefusalWritesNothing()
     QFETCH(QByteArray, body);
     QFETCH(QString, message);
 
-    QVERIFY(writeFile(directory + "/script.gpc3", "older"));
+    QVERIFY(TestFiles::write(directory + "/script.gpc3", "older"));
     server.setDefaultResponse(
             ScriptedResponse::rawJson(body).withHeader("Content-Disposition", "attachment; filename=\"script.gpc3\""));
     QSignalSpy downloaded(api.get(), &OnlineResourcesAPI::scriptDownloaded);
@@ -164,7 +153,7 @@ void TestApiDownloads::jsonRefusalWritesNothing()
     QCOMPARE(errors.first().first().toString(), message);
     QCOMPARE(downloaded.size(), 0);
     QCOMPARE(entries(directory), QStringList{"script.gpc3"});
-    QCOMPARE(readFile(directory + "/script.gpc3"), QByteArray("older"));
+    QCOMPARE(TestFiles::read(directory + "/script.gpc3"), QByteArray("older"));
 }
 
 void TestApiDownloads::hostileNamesStayInTheDirectory_data()
@@ -231,7 +220,7 @@ void TestApiDownloads::weightsAreNamedAfterTheirUuid()
     QVERIFY(downloaded.wait());
     const QString path = weights + "/" + uuid + "." + extension;
     QCOMPARE(downloaded.first(), QVariantList({uuid, path}));
-    QCOMPARE(readFile(path), QByteArray("weights"));
+    QCOMPARE(TestFiles::read(path), QByteArray("weights"));
     QVERIFY(QFile::remove(path));
     QCOMPARE(entries(weights), QStringList());
 }
@@ -259,14 +248,14 @@ void TestApiDownloads::largeDownloadArrivesWholeWithProgress()
     QSignalSpy progress(api.get(), &OnlineResourcesAPI::downloadProgress);
     api->downloadScript("s-1", directory);
     QVERIFY(downloaded.wait(30000));
-    QVERIFY(readFile(directory + "/big.gpc3") == body);
+    QVERIFY(TestFiles::read(directory + "/big.gpc3") == body);
     QVERIFY(!progress.isEmpty());
     QCOMPARE(progress.last(), QVariantList({qint64(body.size()), qint64(body.size())}));
 }
 
 void TestApiDownloads::droppedDownloadLeavesOlderFileIntact()
 {
-    QVERIFY(writeFile(directory + "/tool.gpc3", "older"));
+    QVERIFY(TestFiles::write(directory + "/tool.gpc3", "older"));
     server.setDefaultResponse(
             file(patternedBytes(4 * 1024 * 1024), "attachment; filename=\"tool.gpc3\"").droppingAfter(2 * 1024 * 1024));
     QSignalSpy downloaded(api.get(), &OnlineResourcesAPI::scriptDownloaded);
@@ -276,7 +265,7 @@ void TestApiDownloads::droppedDownloadLeavesOlderFileIntact()
     QCOMPARE(errors.first().first().toString(), droppedMessage);
     QCOMPARE(downloaded.size(), 0);
     QCOMPARE(entries(directory), QStringList{"tool.gpc3"});
-    QCOMPARE(readFile(directory + "/tool.gpc3"), QByteArray("older"));
+    QCOMPARE(TestFiles::read(directory + "/tool.gpc3"), QByteArray("older"));
 }
 
 void TestApiDownloads::unwritableDirectoryReportsSaveFailure_data()
@@ -291,7 +280,7 @@ void TestApiDownloads::unwritableDirectoryReportsSaveFailure()
     QFETCH(bool, environment);
 
     // A directory below a regular file cannot exist, whoever asks, root included.
-    QVERIFY(writeFile(directory + "/plain-file", "not a directory"));
+    QVERIFY(TestFiles::write(directory + "/plain-file", "not a directory"));
     const QString impossible = directory + "/plain-file/inside";
     server.setDefaultResponse(file(patternedBytes(64 * 1024)));
     QSignalSpy errors(api.get(), &OnlineResourcesAPI::errorOccurred);
@@ -312,7 +301,7 @@ void TestApiDownloads::unwritableDirectoryReportsSaveFailure()
 
 void TestApiDownloads::stalledDownloadTimesOutWithoutAFile()
 {
-    QVERIFY(writeFile(directory + "/slow.gpc3", "older"));
+    QVERIFY(TestFiles::write(directory + "/slow.gpc3", "older"));
     server.setDefaultResponse(
             file(patternedBytes(256 * 1024), "attachment; filename=\"slow.gpc3\"").stallingAfter(64 * 1024));
     QSignalSpy downloaded(api.get(), &OnlineResourcesAPI::scriptDownloaded);
@@ -324,7 +313,7 @@ void TestApiDownloads::stalledDownloadTimesOutWithoutAFile()
     QTest::qWait(200);
     QCOMPARE(downloaded.size(), 0);
     QCOMPARE(entries(directory), QStringList{"slow.gpc3"});
-    QCOMPARE(readFile(directory + "/slow.gpc3"), QByteArray("older"));
+    QCOMPARE(TestFiles::read(directory + "/slow.gpc3"), QByteArray("older"));
 }
 
 void TestApiDownloads::claimedDigestDecidesWhetherTheFileIsKept_data()
@@ -350,7 +339,7 @@ void TestApiDownloads::claimedDigestDecidesWhetherTheFileIsKept()
     QFETCH(bool, kept);
 
     const QByteArray body = patternedBytes(3 * 1024 * 1024 + 5);
-    QVERIFY(writeFile(directory + "/model.gpc3", "older"));
+    QVERIFY(TestFiles::write(directory + "/model.gpc3", "older"));
     ScriptedResponse response = file(body, "attachment; filename=\"model.gpc3\"");
     if (!reprDigest.isEmpty())
         response = response.withHeader("Repr-Digest", reprDigest);
@@ -361,9 +350,9 @@ void TestApiDownloads::claimedDigestDecidesWhetherTheFileIsKept()
     QTRY_COMPARE_WITH_TIMEOUT(downloaded.size() + failed.size(), 1, 15000);
 
     QCOMPARE(entries(directory), QStringList{"model.gpc3"});
-    QCOMPARE(readFile(directory + "/model.gpc3") == body, kept);
+    QCOMPARE(TestFiles::read(directory + "/model.gpc3") == body, kept);
     if (!kept) {
-        QCOMPARE(readFile(directory + "/model.gpc3"), QByteArray("older"));
+        QCOMPARE(TestFiles::read(directory + "/model.gpc3"), QByteArray("older"));
         QCOMPARE(failed.first(),
                  QVariantList({"download:" + directory, QString("Download failed: the file was damaged in transit")}));
     }

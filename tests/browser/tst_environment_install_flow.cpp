@@ -1,3 +1,4 @@
+#include "TestFiles.h"
 #include "CatalogueServerFixture.h"
 #include "ModalAnswerer.h"
 #include "PyenvTestBed.h"
@@ -24,12 +25,6 @@ namespace {
 
 constexpr int installLimitMs = 180000;
 const QString demoEnvironment = QStringLiteral("cv-base-cpu");
-
-QByteArray readFile(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<missing>");
-}
 
 } // namespace
 
@@ -133,7 +128,7 @@ void EnvironmentInstallFlowTest::demoEnvironmentInstallsThenIsReplacedOnlyWhenCo
     QCOMPARE(installed.seenTitle(), QStringLiteral("Environment Installed"));
     QCOMPARE(installed.seenText(), QStringLiteral("The environment '%1' has been installed.").arg(demoEnvironment));
     QCOMPARE(environmentNames(), QStringList{demoEnvironment});
-    QCOMPARE(readFile(manager->environmentPath(demoEnvironment) + "/requirements.txt"),
+    QCOMPARE(TestFiles::read(manager->environmentPath(demoEnvironment) + "/requirements.txt"),
              QByteArray("numpy==1.26.4\nopencv-python==4.9.0.80\npillow==10.2.0\n"));
     QVERIFY(!labels.isEmpty());
     QVERIFY2(labels.first().startsWith(

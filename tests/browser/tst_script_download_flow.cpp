@@ -1,3 +1,4 @@
+#include "TestFiles.h"
 #include "ModalAnswerer.h"
 #include "RecordingFilePlugin.h"
 #include "RecordingHttpServer.h"
@@ -22,19 +23,6 @@ using namespace Quorix::Testing;
 
 namespace {
 
-QByteArray readFile(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<missing>");
-}
-
-void writeFile(const QString &path, const QByteArray &content)
-{
-    QFile file(path);
-    QVERIFY(file.open(QIODevice::WriteOnly));
-    file.write(content);
-}
-
 // Every file of a folder with its content, "name=content", sorted by name.
 QStringList folderContents(const QString &directory)
 {
@@ -42,7 +30,7 @@ QStringList folderContents(const QString &directory)
     QStringList names = QDir(directory).entryList(QDir::Files | QDir::Hidden);
     names.sort();
     for (const QString &name : names)
-        contents << name + QLatin1Char('=') + QString::fromUtf8(readFile(directory + QLatin1Char('/') + name));
+        contents << name + QLatin1Char('=') + QString::fromUtf8(TestFiles::read(directory + QLatin1Char('/') + name));
     return contents;
 }
 
@@ -246,7 +234,7 @@ void ScriptDownloadFlowTest::existingFileIsReplacedCopiedOrKept()
     QFETCH(QString, saved);
 
     for (const QString &name : present)
-        writeFile(scripts + "/" + name, "old");
+        QVERIFY(TestFiles::write(scripts + "/" + name, "old"));
     ModalAnswerer answerer;
     if (!button.isEmpty())
         answerer.pressButton(button);
@@ -291,7 +279,7 @@ void ScriptDownloadFlowTest::savedScriptReachesItsViewerPlugin()
     QVERIFY(!downloadThroughPage(fileName).isEmpty());
     const QString target = scripts + "/" + fileName;
     QCOMPARE(savedSpy.size(), 1);
-    QCOMPARE(readFile(target), QByteArray("new"));
+    QCOMPARE(TestFiles::read(target), QByteArray("new"));
     QCOMPARE(gpcPlugin.opened, toGpc ? QStringList{target} : QStringList());
     QCOMPARE(pythonPlugin.opened, toPython ? QStringList{target} : QStringList());
 }

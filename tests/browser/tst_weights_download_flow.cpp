@@ -1,3 +1,4 @@
+#include "TestFiles.h"
 #include "BrowserTestData.h"
 #include "ModalAnswerer.h"
 #include "RecordingHttpServer.h"
@@ -25,22 +26,9 @@ using namespace Quorix::Testing;
 
 namespace {
 
-QByteArray readFile(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray("<missing>");
-}
-
-void writeFile(const QString &path, const QByteArray &content)
-{
-    QFile file(path);
-    QVERIFY(file.open(QIODevice::WriteOnly));
-    file.write(content);
-}
-
 QJsonObject manifest(const WeightsLibrary &library)
 {
-    return QJsonDocument::fromJson(readFile(library.manifestPath())).object();
+    return QJsonDocument::fromJson(TestFiles::read(library.manifestPath())).object();
 }
 
 QByteArray sha256Digest(const QByteArray &body)
@@ -154,8 +142,8 @@ void WeightsDownloadFlowTest::manifestDescribesEveryDownload()
         QCOMPARE(done.seenText(), QStringLiteral("ONNX weights saved"));
     }
 
-    QCOMPARE(readFile(library->folder() + "/w-a.onnx"), QByteArray("AAAA"));
-    QCOMPARE(readFile(library->folder() + "/w-b.ennx"), QByteArray("BBBBBB"));
+    QCOMPARE(TestFiles::read(library->folder() + "/w-a.onnx"), QByteArray("AAAA"));
+    QCOMPARE(TestFiles::read(library->folder() + "/w-b.ennx"), QByteArray("BBBBBB"));
     const QJsonObject stored = manifest(*library);
     QCOMPARE(stored.keys(), QStringList({"w-a", "w-b"}));
     QCOMPARE(withoutTime(stored.value("w-a").toObject()), expectedEntry("w-a", false, 4));
@@ -205,7 +193,7 @@ void WeightsDownloadFlowTest::downloadingAgainAsksFirst()
         QVERIFY(done.waitForAnswer(10000));
         // The encrypted copy takes the place of the plain one: one file per UUID.
         QVERIFY(!QFile::exists(existing));
-        QCOMPARE(readFile(library->folder() + "/w-a.ennx"), QByteArray("fresh"));
+        QCOMPARE(TestFiles::read(library->folder() + "/w-a.ennx"), QByteArray("fresh"));
         QCOMPARE(withoutTime(manifest(*library).value("w-a").toObject()), expectedEntry("w-a", false, 5));
     } else {
         QTest::qWait(200);
@@ -247,7 +235,7 @@ void WeightsDownloadFlowTest::damagedManifestKeepsItsGoodEntries()
     QFETCH(QByteArray, stored);
     QFETCH(QStringList, kept);
 
-    writeFile(library->manifestPath(), stored);
+    QVERIFY(TestFiles::write(library->manifestPath(), stored));
     serveWeights("w-a", "AAAA", "detector.onnx");
     ModalAnswerer done;
     done.pressButton(QMessageBox::Ok, 10000);
@@ -295,7 +283,7 @@ void WeightsDownloadFlowTest::failureLeavesOlderWeightsAndNoTemporaryFile()
     QFETCH(QString, message);
 
     const QString older = library->folder() + "/w-a.onnx";
-    writeFile(older, "older");
+    QVERIFY(TestFiles::write(older, "older"));
     const QByteArray body(300 * 1024, 'n');
     if (failure == "damaged")
         server.setRule("/api/scripts/onnx/download/w-a",
@@ -308,7 +296,7 @@ void WeightsDownloadFlowTest::failureLeavesOlderWeightsAndNoTemporaryFile()
     const QString libraryFolder = library->folder();
     if (failure == "no folder") {
         QDir(libraryFolder).removeRecursively();
-        writeFile(libraryFolder, "a file where the folder should be");
+        QVERIFY(TestFiles::write(libraryFolder, "a file where the folder should be"));
         serveWeights("w-b", body, "detector.onnx");
     }
 
@@ -325,12 +313,12 @@ void WeightsDownloadFlowTest::failureLeavesOlderWeightsAndNoTemporaryFile()
     QVERIFY(!QApplication::activeModalWidget());
 
     if (failure == "no folder") {
-        QCOMPARE(readFile(libraryFolder), QByteArray("a file where the folder should be"));
+        QCOMPARE(TestFiles::read(libraryFolder), QByteArray("a file where the folder should be"));
         return;
     }
     QCOMPARE(QDir(libraryFolder).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
              QStringList{"w-a.onnx"});
-    QCOMPARE(readFile(older), QByteArray("older"));
+    QCOMPARE(TestFiles::read(older), QByteArray("older"));
     QCOMPARE(QDir(QFileInfo(libraryFolder).path()).entryList({"*w-a*"}), QStringList());
 }
 

@@ -102,10 +102,4 @@ QStringList E2eCatalogue::idsOf(const QJsonObject &listReply, const QString &ite
     return ids;
 }
 
-QByteArray E2eCatalogue::readFile(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
 } // namespace Quorix::Testing

@@ -39,8 +39,6 @@ public:
 
     // A Discord ID nobody has used yet in this process.
     static QString newDiscordId();
-    // The whole content of a downloaded file; empty when it cannot be read.
-    static QByteArray readFile(const QString &path);
     // A client signed in through the server's dev login, credentials filled as the browser fills them.
     std::unique_ptr<OnlineResourcesAPI> signIn(const QString &discordId, const QString &username);
     std::unique_ptr<OnlineResourcesAPI> anonymous();

@@ -1,3 +1,4 @@
+#include "TestFiles.h"
 #include "E2eCatalogue.h"
 #include "TemporaryHome.h"
 
@@ -46,7 +47,7 @@ private:
             return outcome.error.isEmpty() ? QStringLiteral("no answer") : outcome.error;
         if (!QDir(directory).entryList(QDir::Files | QDir::Hidden).contains(QStringLiteral("guarded.gpc3")))
             return QStringLiteral("file missing");
-        return QString::fromUtf8(E2eCatalogue::readFile(outcome.arguments.first().toString()));
+        return QString::fromUtf8(TestFiles::read(outcome.arguments.first().toString()));
     }
 
     QJsonObject grant(OnlineResourcesAPI *api, const QString &id, const QString &discordId)

@@ -1,3 +1,4 @@
+#include "TestFiles.h"
 #include "E2eCatalogue.h"
 #include "TemporaryHome.h"
 
@@ -97,7 +98,7 @@ private slots:
         QVERIFY2(!download.arguments.isEmpty(), qPrintable(download.error));
         const QString path = download.arguments.first().toString();
         QCOMPARE(path, directory + QStringLiteral("/trigger_boost.gpc3"));
-        QCOMPARE(E2eCatalogue::readFile(path), second);
+        QCOMPARE(TestFiles::read(path), second);
         QCOMPARE(QDir(directory).entryList(QDir::Files), QStringList{QStringLiteral("trigger_boost.gpc3")});
     }
 
@@ -117,7 +118,7 @@ private slots:
         const auto download = E2eCatalogue::await(author.get(), &OnlineResourcesAPI::scriptDownloaded,
                                                   [&] { author->downloadScript(id, directory); });
         QVERIFY(!download.arguments.isEmpty());
-        QCOMPARE(E2eCatalogue::readFile(download.arguments.first().toString()), QByteArray("original"));
+        QCOMPARE(TestFiles::read(download.arguments.first().toString()), QByteArray("original"));
     }
 
     void environmentPackagesTravelThroughTheScriptUpload()
@@ -164,7 +165,7 @@ private slots:
                                                   [&] { visitor->downloadEnvironment(id, directory); });
         QVERIFY2(!download.arguments.isEmpty(), qPrintable(download.error));
         QCOMPARE(download.arguments.first().toString(), directory + QStringLiteral("/vision.qenv"));
-        QCOMPARE(E2eCatalogue::readFile(download.arguments.first().toString()), package);
+        QCOMPARE(TestFiles::read(download.arguments.first().toString()), package);
     }
 
     void weightsAreSavedUnderTheirIdWithTheRightExtension_data()
@@ -212,7 +213,7 @@ private slots:
         const QString expected
                 = OnlineResourcesAPI::weightsDirectory() + QLatin1Char('/') + uuid + QLatin1Char('.') + extension;
         QCOMPARE(download.arguments, (QList<QVariant>{uuid, expected}));
-        QCOMPARE(E2eCatalogue::readFile(expected), model);
+        QCOMPARE(TestFiles::read(expected), model);
         QVERIFY(QFile::remove(expected));
     }
 

@@ -8,7 +8,7 @@ class QRadioButton;
 
 namespace Quorix {
 
-// Asks for one package and an optional version and turns them into the specification uv installs.
+// Asks for one package and an optional version and turns them into the requirement string uv installs.
 class InstallPackageDialog : public QDialog
 {
     Q_OBJECT
