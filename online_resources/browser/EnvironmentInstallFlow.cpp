@@ -92,7 +92,7 @@ void EnvironmentInstallFlow::installNow(const QString &downloadedPath)
 {
     if (progress)
         progress->finish();
-    if (stage == Stage::Removing || stage == Stage::Importing)
+    if (stage != Stage::Idle && stage != Stage::Downloading)
         return;
     stage = Stage::Downloading;
     packagePath = downloadedPath;
@@ -104,14 +104,14 @@ void EnvironmentInstallFlow::installNow(const QString &downloadedPath)
     if (!manager)
         manager = PythonEnvironmentManager::instance();
     if (!QFileInfo::exists(manager->environmentPath(environmentName))) {
-        runManager(Stage::Importing);
+        runManagerWithUv(Stage::Importing);
         return;
     }
     if (!confirmReplacing(environmentName)) {
         end(false);
         return;
     }
-    runManager(Stage::Removing);
+    runManagerWithUv(Stage::Removing);
 }
 
 QString EnvironmentInstallFlow::readPackageName(const QString &path)
@@ -146,12 +146,46 @@ bool EnvironmentInstallFlow::confirmReplacing(const QString &name)
     return box.exec() == QMessageBox::Yes;
 }
 
+void EnvironmentInstallFlow::runManagerWithUv(Stage next)
+{
+    if (manager->isUvInstalled()) {
+        runManager(next);
+        return;
+    }
+    stage = Stage::PreparingUv;
+    progressDialog()->begin(tr("Downloading UV package manager..."));
+    connect(manager, &PythonEnvironmentManager::uvDownloadProgress, progress, &DownloadProgressDialog::showProgress);
+    // The environment window may be fetching uv at the same time; the manager answers each caller, and one answer
+    // is enough here.
+    connect(manager, &PythonEnvironmentManager::uvDownloadFinished, this,
+            [this, next](bool success, const QString &error) { onUvDownloadFinished(next, success, error); });
+    manager->downloadUv();
+}
+
+void EnvironmentInstallFlow::onUvDownloadFinished(Stage next, bool success, const QString &error)
+{
+    disconnect(manager, nullptr, this, nullptr);
+    disconnect(manager, nullptr, progress, nullptr);
+    if (success) {
+        runManager(next);
+        return;
+    }
+    progress->finish();
+    QMetaObject::invokeMethod(
+            this,
+            [this, error] {
+                showError(tr("Installation Failed"), tr("Failed to install UV: %1").arg(error));
+                end(false);
+            },
+            Qt::QueuedConnection);
+}
+
 void EnvironmentInstallFlow::runManager(Stage next)
 {
     stage = next;
     operationText.clear();
     progressDialog()->begin(next == Stage::Removing ? tr("Replacing environment '%1'...").arg(environmentName)
-                                            : tr("Installing environment '%1'...").arg(environmentName));
+                                                    : tr("Installing environment '%1'...").arg(environmentName));
     progress->showBusy(progress->labelText());
     // Connected only while this flow drives the manager, so the environment dialog's own operations pass it by.
     connect(manager, &PythonEnvironmentManager::operationStarted, this, &EnvironmentInstallFlow::onOperationStarted,

@@ -15,8 +15,8 @@ class OnlineResourcesAPI;
 class PythonEnvironmentManager;
 
 // An environment package from the catalogue to a local Python environment: the download, the checks of the
-// package, the question before an environment of that name is replaced, and the environment manager's import with
-// its progress shown until one closing message.
+// package, the question before an environment of that name is replaced, uv fetched first when this machine has none
+// yet, and the environment manager's import with its progress shown until one closing message.
 class EnvironmentInstallFlow : public QObject
 {
     Q_OBJECT
@@ -39,13 +39,16 @@ signals:
     void finished(bool installed, const QString &environmentName);
 
 private:
-    enum class Stage { Idle, Downloading, Removing, Importing };
+    enum class Stage { Idle, Downloading, PreparingUv, Removing, Importing };
 
     void onDownloadProgress(qint64 bytesReceived, qint64 bytesTotal);
     void onDownloadFailed(const QString &tag);
     // The package's environment name, or empty after telling the user why the package cannot be used.
     QString readPackageName(const QString &packagePath);
     bool confirmReplacing(const QString &name);
+    // Runs the manager's first step once uv is there, so a failed uv download leaves an existing environment alone.
+    void runManagerWithUv(Stage next);
+    void onUvDownloadFinished(Stage next, bool success, const QString &error);
     void runManager(Stage stage);
     DownloadProgressDialog *progressDialog();
     void onOperationStarted(const QString &operation);

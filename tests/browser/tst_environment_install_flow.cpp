@@ -1,8 +1,8 @@
-#include "TestFiles.h"
 #include "CatalogueServerFixture.h"
 #include "ModalAnswerer.h"
 #include "PyenvTestBed.h"
 #include "TemporaryHome.h"
+#include "TestFiles.h"
 #include "browser/DownloadProgressDialog.h"
 #include "browser/OnlineResourcesWidget.h"
 #include "pyenv/PythonEnvironmentManager.h"
@@ -15,6 +15,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QTest>
+#include <QUrl>
 
 #include <memory>
 
@@ -41,6 +42,8 @@ private slots:
     void unusablePackagesAreRefusedBeforeTheManagerRuns_data();
     void unusablePackagesAreRefusedBeforeTheManagerRuns();
     void failedDownloadSaysSo();
+    void missingUvIsFetchedBeforeTheImport_data();
+    void missingUvIsFetchedBeforeTheImport();
 
 private:
     QStringList environmentNames() const;
@@ -54,6 +57,7 @@ private:
     PluginHost host;
     std::unique_ptr<OnlineResourcesWidget> page;
     QString demoId;
+    QString uvArchive;
 };
 
 void EnvironmentInstallFlowTest::initTestCase()
@@ -63,6 +67,8 @@ void EnvironmentInstallFlowTest::initTestCase()
     qputenv("QUORIX_SERVER_URL", catalogue.origin().toUtf8());
     // uv installs the demo environment's packages from stand-ins of the same names and versions.
     qputenv("UV_DEFAULT_INDEX", bed.demoIndexUrl().toUtf8());
+    uvArchive = bed.scratchPath("uv-x86_64-unknown-linux-gnu.tar.gz");
+    qputenv("QUORIX_UV_DOWNLOAD_URL", QUrl::fromLocalFile(uvArchive).toString().toUtf8());
     manager = PythonEnvironmentManager::instance();
 
     const CatalogueServerFixture::Reply list = catalogue.get(QStringLiteral("qenv/list?search=CV%20Base"));
@@ -113,8 +119,9 @@ void EnvironmentInstallFlowTest::install(const QString &envId)
 void EnvironmentInstallFlowTest::demoEnvironmentInstallsThenIsReplacedOnlyWhenConfirmed()
 {
     QStringList labels;
+    QObject labelsInScope;
     connect(
-            manager, &PythonEnvironmentManager::operationStarted, this,
+            manager, &PythonEnvironmentManager::operationStarted, &labelsInScope,
             [this, &labels] {
                 const auto *dialog = page->findChild<DownloadProgressDialog *>("downloadProgressDialog");
                 labels << (dialog && dialog->isVisible() ? dialog->labelText() : QStringLiteral("<hidden>"));
@@ -209,6 +216,42 @@ void EnvironmentInstallFlowTest::failedDownloadSaysSo()
     QCOMPARE(failed.seenText(), QStringLiteral("Failed to download environment file."));
     const auto *dialog = page->findChild<DownloadProgressDialog *>("downloadProgressDialog");
     QVERIFY(dialog && !dialog->isVisible());
+}
+
+void EnvironmentInstallFlowTest::missingUvIsFetchedBeforeTheImport_data()
+{
+    QTest::addColumn<bool>("usableArchive");
+    QTest::addColumn<QString>("title");
+    QTest::addColumn<QString>("textStart");
+
+    QTest::newRow("release archive") << true << "Environment Installed"
+                                     << "The environment '" + demoEnvironment;
+    QTest::newRow("broken archive") << false << "Installation Failed"
+                                    << "Failed to install UV: ";
+}
+
+void EnvironmentInstallFlowTest::missingUvIsFetchedBeforeTheImport()
+{
+    QFETCH(bool, usableArchive);
+    QFETCH(QString, title);
+    QFETCH(QString, textStart);
+
+    bed.prepareBaseFolder(*manager, false);
+    QFile::remove(uvArchive);
+    const QString packing = usableArchive
+                                    ? "d=$(mktemp -d) && mkdir \"$d/uv-release\" && cp \"$1\" \"$d/uv-release/uv\" && "
+                                      "tar -czf \"$2\" -C \"$d\" uv-release && rm -rf \"$d\""
+                                    : "head -c 4096 /dev/urandom > \"$2\"";
+    QCOMPARE(PyenvTestBed::run("bash", {"-c", packing, "pack", PyenvTestBed::uvProgram(), uvArchive}).exitCode, 0);
+
+    ModalAnswerer outcome;
+    outcome.pressButton(QMessageBox::Ok, installLimitMs);
+    install(demoId);
+    QVERIFY(outcome.waitForAnswer(installLimitMs));
+    QCOMPARE(outcome.seenTitle(), title);
+    QVERIFY2(outcome.seenText().startsWith(textStart), qPrintable(outcome.seenText()));
+    QCOMPARE(manager->isUvInstalled(), usableArchive);
+    QCOMPARE(environmentNames(), usableArchive ? QStringList{demoEnvironment} : QStringList{});
 }
 
 QTEST_MAIN(EnvironmentInstallFlowTest)
