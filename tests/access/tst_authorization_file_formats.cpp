@@ -1,9 +1,7 @@
 #include "access/AuthorizationFileFormats.h"
 
 #include <QDir>
-#include <QFile>
 #include <QJsonArray>
-#include <QJsonDocument>
 #include <QJsonObject>
 #include <QRandomGenerator>
 #include <QTemporaryDir>
@@ -17,15 +15,8 @@ namespace {
 
 QJsonObject record(const QString &discordId, const QString &username, const QString &notes)
 {
-    return {{QStringLiteral("discord_id"), discordId},      {QStringLiteral("username"), username},
-            {QStringLiteral("global_name"), username},      {QStringLiteral("status"), QStringLiteral("active")},
-            {QStringLiteral("authorization_notes"), notes}, {QStringLiteral("expires_at"), QString()}};
-}
-
-QByteArray deeplyNested(int depth)
-{
-    return QByteArray("{\"authorizations\":[{\"discord_id\":\"123456789012345678\"}],\"x\":") + QByteArray(depth, '[')
-           + QByteArray(depth, ']') + '}';
+    return {{"discord_id", discordId}, {"username", username},         {"global_name", username},
+            {"status", "active"},      {"authorization_notes", notes}, {"expires_at", QString()}};
 }
 
 QByteArray lines(int count, const std::function<QByteArray(int)> &line)
@@ -43,7 +34,6 @@ class TestAuthorizationFileFormats : public QObject
 {
     Q_OBJECT
 
-private:
     QTemporaryDir directory;
 
 private slots:
@@ -52,46 +42,47 @@ private slots:
         QTest::addColumn<QString>("fileName");
         QTest::addColumn<QByteArray>("content");
         QTest::addColumn<QStringList>("expected");
-
-        const QJsonArray exported{record(QStringLiteral("111111111111111111"), QStringLiteral("a,b"), QString()),
-                                  record(QStringLiteral("22222222222222222222"), QStringLiteral("c"),
-                                         QStringLiteral("first, second\nthird"))};
-        QTest::newRow("exported csv re-imports")
-                << "list.CSV" << AuthorizationFileFormats::exportCsv(exported)
-                << QStringList{QStringLiteral("111111111111111111"), QStringLiteral("22222222222222222222")};
-        QTest::newRow("text id among words, duplicates once")
-                << "ids.txt"
-                << QByteArray("please add 123456789012345678 to the list\n\n  123456789012345678  \nnone here\n")
-                << QStringList{QStringLiteral("123456789012345678")};
+        const QString id18 = "123456789012345678";
+        const QJsonArray exported{record("111111111111111111", "a,b", QString()),
+                                  record("22222222222222222222", "c", "first, second\nthird")};
+        QTest::newRow("exported csv re-imports") << "list.CSV" << AuthorizationFileFormats::exportCsv(exported)
+                                                 << QStringList{"111111111111111111", "22222222222222222222"};
+        QTest::newRow("text id among words, once")
+                << "ids.txt" << QByteArray("please add 123456789012345678 to it\n\n  123456789012345678  \nnone\n")
+                << QStringList{id18};
         QTest::newRow("numeric json ids yield none")
                 << "ids.json" << QByteArray("{\"authorizations\":[{\"discord_id\":123456789012345678}]}")
                 << QStringList();
         QTest::newRow("16 digits are too short") << "ids.txt" << QByteArray("1234567890123456\n") << QStringList();
-        QTest::newRow("21 digits give their first 20 in text") << "ids.txt" << QByteArray("123456789012345678901\n")
-                                                               << QStringList{QStringLiteral("12345678901234567890")};
+        QTest::newRow("17 digits are enough")
+                << "ids.txt" << QByteArray("12345678901234567\n") << QStringList{"12345678901234567"};
+        QTest::newRow("21 digits give their first 20 in text")
+                << "ids.txt" << QByteArray("123456789012345678901\n") << QStringList{"12345678901234567890"};
         QTest::newRow("21 digits stay whole in json")
                 << "ids.json" << QByteArray("{\"authorizations\":[{\"discord_id\":\"123456789012345678901\"}]}")
-                << QStringList{QStringLiteral("123456789012345678901")};
-        QTest::newRow("json nested 10000 deep") << "deep.json" << deeplyNested(10000) << QStringList();
-
+                << QStringList{"123456789012345678901"};
+        QTest::newRow("json nested 10000 deep")
+                << "deep.json"
+                << "{\"authorizations\":[{\"discord_id\":\"" + id18.toUtf8() + "\"}],\"x\":" + QByteArray(10000, '[')
+                           + QByteArray(10000, ']') + '}'
+                << QStringList();
         QByteArray garbage(4 * 1024 * 1024, Qt::Uninitialized);
-        QRandomGenerator random(7);
-        random.fillRange(reinterpret_cast<quint32 *>(garbage.data()), garbage.size() / 4);
+        QRandomGenerator(7).fillRange(reinterpret_cast<quint32 *>(garbage.data()), garbage.size() / 4);
         QTest::newRow("binary garbage") << "garbage.txt" << garbage << QStringList();
-
-        const QByteArray csv = "discord_id,username\n" + lines(100000, [](int i) {
-                                   return QByteArray::number(500000000000000000LL + i % 1000) + ",u";
-                               });
         QStringList thousand;
         for (int i = 0; i < 1000; ++i)
             thousand.append(QString::number(500000000000000000LL + i));
-        QTest::newRow("csv of 100000 lines") << "big.csv" << csv << thousand;
-
-        const QByteArray filler = lines(50 * 1024 * 1024 / 64, [](int) { return QByteArray(63, 'x'); });
+        QTest::newRow("csv of 100000 lines")
+                << "big.csv"
+                << "discord_id,username\n"
+                           + lines(100000,
+                                   [](int i) { return QByteArray::number(500000000000000000LL + i % 1000) + ",u"; })
+                << thousand;
         QTest::newRow("50 MB text") << "huge.txt"
-                                    << QByteArray("777777777777777777\n") + filler + "888888888888888888\n"
-                                    << QStringList{QStringLiteral("777777777777777777"),
-                                                   QStringLiteral("888888888888888888")};
+                                    << "777777777777777777\n"
+                                               + lines(50 * 1024 * 1024 / 64, [](int) { return QByteArray(63, 'x'); })
+                                               + "888888888888888888\n"
+                                    << QStringList{"777777777777777777", "888888888888888888"};
     }
 
     void importFilesYieldTheirIds()
@@ -99,44 +90,32 @@ private slots:
         QFETCH(QString, fileName);
         QFETCH(QByteArray, content);
         QFETCH(QStringList, expected);
-        const QString path = directory.filePath(fileName);
-        QFile file(path);
-        QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
-        QCOMPARE(file.write(content), content.size());
+        QFile file(directory.filePath(fileName));
+        QVERIFY(file.open(QIODevice::WriteOnly | QIODevice::Truncate) && file.write(content) == content.size());
         file.close();
-
-        const AuthorizationFileFormats::ImportResult result = AuthorizationFileFormats::readImportFile(path);
+        const AuthorizationFileFormats::ImportResult result = AuthorizationFileFormats::readImportFile(file.fileName());
         QCOMPARE(result.openError, QString());
         QCOMPARE(result.discordIds, expected);
     }
 
     void csvExportKeepsEveryRecordOnOneLine()
     {
-        const QByteArray csv = AuthorizationFileFormats::exportCsv(
-                {record(QStringLiteral("111111111111111111"), QStringLiteral("smith, j"),
-                        QStringLiteral("paid, twice\r\nsee mail\nok"))});
-        QCOMPARE(csv, QByteArray("discord_id,username,global_name,status,notes,expires_at\n"
-                                 "111111111111111111,smith; j,smith; j,active,paid; twice see mail ok,\n"));
-    }
-
-    void unwritableTargetsLeaveNoFile_data()
-    {
-        QTest::addColumn<QString>("target");
-        QTest::newRow("missing folder") << QStringLiteral("missing/list.json");
-        QTest::newRow("a folder in the way") << QStringLiteral("taken");
+        QCOMPARE(AuthorizationFileFormats::exportCsv(
+                         {record("111111111111111111", "smith, j", "paid, twice\r\nsee mail\nok")}),
+                 QByteArray("discord_id,username,global_name,status,notes,expires_at\n"
+                            "111111111111111111,smith; j,smith; j,active,paid; twice see mail ok,\n"));
     }
 
     void unwritableTargetsLeaveNoFile()
     {
-        QFETCH(QString, target);
         QTemporaryDir folder;
-        QVERIFY(QDir(folder.path()).mkdir(QStringLiteral("taken")));
-        const QStringList before
-                = QDir(folder.path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden);
-
-        QVERIFY(!AuthorizationFileFormats::writeFile(folder.filePath(target), "{}").isEmpty());
-        QCOMPARE(QDir(folder.path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden), before);
-        QVERIFY(QFileInfo(folder.filePath(QStringLiteral("taken"))).isDir());
+        QVERIFY(QDir(folder.path()).mkdir("taken"));
+        for (const char *target : {"missing/list.json", "taken"}) {
+            QVERIFY(!AuthorizationFileFormats::writeFile(folder.filePath(target), "{}").isEmpty());
+            QCOMPARE(QDir(folder.path()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden),
+                     QStringList{"taken"});
+            QVERIFY(QFileInfo(folder.filePath("taken")).isDir());
+        }
     }
 };
 

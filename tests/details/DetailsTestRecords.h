@@ -1,31 +1,66 @@
 #pragma once
 
-#include <QByteArray>
+#include "details/OnnxDetailsDialog.h"
+#include "details/QenvDetailsDialog.h"
+#include "details/ScriptDetailsDialog.h"
+
+#include <QBuffer>
+#include <QImage>
+#include <QJsonArray>
 #include <QJsonObject>
-#include <QString>
 
-class QWidget;
+namespace Quorix::Testing::DetailsTestRecords {
 
-namespace Quorix {
-class ResourceDetailsDialog;
+enum Kind { Script, Environment, Weights };
+
+inline const QString authorId = QStringLiteral("231456789012345678");
+inline const QString administratorId = QStringLiteral("100000000000000009");
+
+// One complete record per kind; keys in `changes` replace the defaults and a null value removes the key.
+inline QJsonObject record(int kind, const QJsonObject &changes = {})
+{
+    QJsonObject record{{"id", "res-1"},
+                       {"name", "Anti-Recoil Pro"},
+                       {"description", "Smooth recoil compensation."},
+                       {"created", "2024-03-05T10:00:00Z"},
+                       {"version", 1},
+                       {"downloads", 12},
+                       {"views", 40},
+                       {"likes", 3},
+                       {"visibility_type", "public"},
+                       {"author", QJsonObject{{"username", "frame_perfect"}, {"discord_id", authorId}}},
+                       {"type", kind == Script ? "gpc3" : kind == Environment ? "qenv" : "onnx"}};
+    if (kind == Script)
+        record.insert("tags", QJsonArray{"fps", "aim"});
+    if (kind == Weights)
+        record.insert("size", 98304);
+    for (auto it = changes.begin(); it != changes.end(); ++it) {
+        if (it.value().isNull())
+            record.remove(it.key());
+        else
+            record.insert(it.key(), it.value());
+    }
+    return record;
 }
 
-namespace Quorix::Testing {
-
-// Records and dialogs for the details tests: one complete record per kind, refined per case with extra keys.
-class DetailsTestRecords
+inline ResourceDetailsDialog *createDialog(int kind, QWidget *parent = nullptr)
 {
-public:
-    enum Kind { Script, Environment, Weights };
+    if (kind == Script)
+        return new ScriptDetailsDialog(parent);
+    if (kind == Environment)
+        return new QenvDetailsDialog(parent);
+    return new OnnxDetailsDialog(parent);
+}
 
-    static constexpr const char *authorDiscordId = "231456789012345678";
-    static constexpr const char *administratorDiscordId = "100000000000000009";
-    static constexpr const char *strangerDiscordId = "300000000000000003";
+inline QByteArray pngBytes(const QColor &colour)
+{
+    QImage image(270, 100, QImage::Format_ARGB32);
+    image.fill(colour);
+    QByteArray bytes;
+    QBuffer buffer(&bytes);
+    buffer.open(QIODevice::WriteOnly);
+    image.save(&buffer, "PNG");
+    return bytes;
+}
 
-    // Keys in `changes` replace the defaults; a null value removes the key.
-    static QJsonObject record(Kind kind, const QJsonObject &changes = {});
-    static ResourceDetailsDialog *createDialog(Kind kind, QWidget *parent = nullptr);
-    static QByteArray pngBytes(const QColor &colour);
-};
-
-} // namespace Quorix::Testing
+} // namespace Quorix::Testing::DetailsTestRecords
