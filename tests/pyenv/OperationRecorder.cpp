@@ -2,14 +2,13 @@
 
 #include "pyenv/PythonEnvironmentManager.h"
 
-#include <QDeadlineTimer>
 #include <QTest>
 
 namespace Quorix::Testing {
 
 OperationRecorder::OperationRecorder(PythonEnvironmentManager *manager)
 {
-    auto note = [this](const QString &kind) {
+    const auto note = [this](const QString &kind) {
         return [this, kind](const QString &text) {
             log << kind + ": " + text;
         };
@@ -33,11 +32,9 @@ OperationRecorder::OperationRecorder(PythonEnvironmentManager *manager)
 
 bool OperationRecorder::waitFinished(int limitMs)
 {
-    QDeadlineTimer deadline(limitMs);
-    while (finishes == 0 && !deadline.hasExpired())
-        QTest::qWait(20);
+    const bool finished = QTest::qWaitFor([this] { return finishes > 0; }, limitMs);
     QTest::qWait(150);
-    return finishes > 0;
+    return finished;
 }
 
 QStringList OperationRecorder::events(const QString &kind) const
@@ -48,26 +45,6 @@ QStringList OperationRecorder::events(const QString &kind) const
             texts << line.mid(kind.size() + 2);
     }
     return texts;
-}
-
-QStringList OperationRecorder::all() const
-{
-    return log;
-}
-
-int OperationRecorder::finishedCount() const
-{
-    return finishes;
-}
-
-bool OperationRecorder::succeeded() const
-{
-    return lastSuccess;
-}
-
-QString OperationRecorder::error() const
-{
-    return lastError;
 }
 
 } // namespace Quorix::Testing

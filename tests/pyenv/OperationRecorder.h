@@ -21,10 +21,10 @@ public:
     // Waits for operationFinished, then a little longer to catch a second one that must not come.
     bool waitFinished(int limitMs = 60000);
     QStringList events(const QString &kind) const;
-    QStringList all() const;
-    int finishedCount() const;
-    bool succeeded() const;
-    QString error() const;
+    QStringList all() const { return log; }
+    int finishedCount() const { return finishes; }
+    bool succeeded() const { return lastSuccess; }
+    QString error() const { return lastError; }
 
 private:
     QStringList log;

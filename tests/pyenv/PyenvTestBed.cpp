@@ -63,39 +63,12 @@ PyenvTestBed::~PyenvTestBed()
     }
 }
 
-bool PyenvTestBed::isReady() const
+QString PyenvTestBed::writeFile(const QString &name, const QByteArray &content) const
 {
-    return failure.isEmpty() && indexUrls.size() == 4;
-}
-
-QString PyenvTestBed::problem() const
-{
-    return failure;
-}
-
-QString PyenvTestBed::indexUrl() const
-{
-    return indexUrls.value(0);
-}
-
-QString PyenvTestBed::extraIndexUrl() const
-{
-    return indexUrls.value(1);
-}
-
-QString PyenvTestBed::secondExtraIndexUrl() const
-{
-    return indexUrls.value(2);
-}
-
-QString PyenvTestBed::demoIndexUrl() const
-{
-    return indexUrls.value(3);
-}
-
-QString PyenvTestBed::scratchPath(const QString &relative) const
-{
-    return scratch.filePath(relative);
+    QFile file(scratchPath(name));
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) || file.write(content) != content.size())
+        return {};
+    return file.fileName();
 }
 
 QString PyenvTestBed::uvProgram()

@@ -23,14 +23,15 @@ public:
     PyenvTestBed(const PyenvTestBed &) = delete;
     PyenvTestBed &operator=(const PyenvTestBed &) = delete;
 
-    bool isReady() const;
-    QString problem() const;
-    QString indexUrl() const;
-    QString extraIndexUrl() const;
-    QString secondExtraIndexUrl() const;
+    bool isReady() const { return failure.isEmpty() && indexUrls.size() == 4; }
+    QString problem() const { return failure; }
+    QString extraIndexUrl() const { return indexUrls.value(1); }
+    QString secondExtraIndexUrl() const { return indexUrls.value(2); }
     // Stand-ins for the packages of the reference server's demo environments (numpy, opencv-python, pillow).
-    QString demoIndexUrl() const;
-    QString scratchPath(const QString &relative) const;
+    QString demoIndexUrl() const { return indexUrls.value(3); }
+    QString scratchPath(const QString &relative) const { return scratch.filePath(relative); }
+    // Writes content to the scratch file of that name and returns its path.
+    QString writeFile(const QString &name, const QByteArray &content) const;
     // The uv found on PATH, the pinned one the test set-up installed.
     static QString uvProgram();
     // Puts uv where the manager keeps it and empties everything else under its base folder.

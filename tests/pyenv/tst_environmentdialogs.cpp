@@ -59,7 +59,7 @@ private slots:
     void packageSpecification();
     void createValidation_data();
     void createValidation();
-    void createOffersTheDesignedChoices();
+    void createOffersPythonVersionsAndTheDefaultList();
     void createInstallUninstallUpdateFromTheWindow();
     void badPackageInputEndsInTheManagersMessage_data();
     void badPackageInputEndsInTheManagersMessage();
@@ -68,7 +68,6 @@ private slots:
 private:
     // Runs act on the next modal window with this title, from inside its event loop.
     void whenModal(const QString &title, const std::function<void(QWidget *)> &act);
-    QString writeFile(const QString &name, const QByteArray &content);
     QStringList tableRows(PythonEnvironmentDialog &dialog);
     void createDirectly(const QString &env, const QByteArray &requirements);
     void installThroughDialog(PythonEnvironmentDialog &dialog, const QString &name, const char *option,
@@ -108,15 +107,6 @@ void EnvironmentDialogsTest::whenModal(const QString &title, const std::function
     QTimer::singleShot(60000, poll, &QObject::deleteLater);
 }
 
-QString EnvironmentDialogsTest::writeFile(const QString &name, const QByteArray &content)
-{
-    const QString path = bed.scratchPath(name);
-    QFile file(path);
-    file.open(QIODevice::WriteOnly | QIODevice::Truncate);
-    file.write(content);
-    return path;
-}
-
 QStringList EnvironmentDialogsTest::tableRows(PythonEnvironmentDialog &dialog)
 {
     QStringList rows;
@@ -132,7 +122,7 @@ QStringList EnvironmentDialogsTest::tableRows(PythonEnvironmentDialog &dialog)
 void EnvironmentDialogsTest::createDirectly(const QString &env, const QByteArray &requirements)
 {
     OperationRecorder recorder(manager);
-    manager->createEnvironment(env, "3.11", writeFile(env + ".txt", requirements));
+    manager->createEnvironment(env, "3.11", bed.writeFile(env + ".txt", requirements));
     QVERIFY(recorder.waitFinished());
     QVERIFY2(recorder.succeeded(), qPrintable(recorder.error()));
 }
@@ -152,67 +142,32 @@ void EnvironmentDialogsTest::installThroughDialog(PythonEnvironmentDialog &dialo
 
 void EnvironmentDialogsTest::packageSpecification_data()
 {
-    QTest::addColumn<QString>("name");
-    QTest::addColumn<QString>("option");
-    QTest::addColumn<QString>("version");
-    QTest::addColumn<QString>("constraint");
+    QTest::addColumn<QStringList>("typed"); // name, option, version, constraint
     QTest::addColumn<QString>("spec");
     QTest::addColumn<bool>("installEnabled");
-    QTest::newRow("latest") << " numpy "
-                            << "latestRadio"
-                            << ""
-                            << ""
-                            << "numpy" << true;
-    QTest::newRow("latest ignores other fields") << "numpy"
-                                                 << "latestRadio"
-                                                 << "1.0"
-                                                 << ">=2"
-                                                 << "numpy" << true;
-    QTest::newRow("specific") << "numpy"
-                              << "specificRadio"
-                              << " 1.26.0 "
-                              << ""
-                              << "numpy==1.26.0" << true;
-    QTest::newRow("constraint") << "numpy"
-                                << "constraintRadio"
-                                << ""
-                                << " >=1.20,<2.0"
-                                << "numpy>=1.20,<2.0" << true;
-    QTest::newRow("no name") << "  "
-                             << "latestRadio"
-                             << ""
-                             << ""
-                             << "" << false;
-    QTest::newRow("specific without version") << "numpy"
-                                              << "specificRadio"
-                                              << "  "
-                                              << ">=1"
-                                              << "numpy==" << false;
-    QTest::newRow("constraint without text") << "numpy"
-                                             << "constraintRadio"
-                                             << "1.0"
-                                             << ""
-                                             << "numpy" << false;
-    QTest::newRow("version without name") << ""
-                                          << "specificRadio"
-                                          << "1.0"
-                                          << ""
-                                          << "==1.0" << false;
+    QTest::newRow("latest") << QStringList{" numpy ", "latestRadio", "", ""} << "numpy" << true;
+    QTest::newRow("latest ignores other fields")
+            << QStringList{"numpy", "latestRadio", "1.0", ">=2"} << "numpy" << true;
+    QTest::newRow("specific") << QStringList{"numpy", "specificRadio", " 1.26.0 ", ""} << "numpy==1.26.0" << true;
+    QTest::newRow("constraint") << QStringList{"numpy", "constraintRadio", "", " >=1.20,<2.0"} << "numpy>=1.20,<2.0"
+                                << true;
+    QTest::newRow("no name") << QStringList{"  ", "latestRadio", "", ""} << "" << false;
+    QTest::newRow("specific without version")
+            << QStringList{"numpy", "specificRadio", "  ", ">=1"} << "numpy==" << false;
+    QTest::newRow("constraint without text") << QStringList{"numpy", "constraintRadio", "1.0", ""} << "numpy" << false;
+    QTest::newRow("version without name") << QStringList{"", "specificRadio", "1.0", ""} << "==1.0" << false;
 }
 
 void EnvironmentDialogsTest::packageSpecification()
 {
-    QFETCH(QString, name);
-    QFETCH(QString, option);
-    QFETCH(QString, version);
-    QFETCH(QString, constraint);
+    QFETCH(QStringList, typed);
     QFETCH(QString, spec);
     QFETCH(bool, installEnabled);
     InstallPackageDialog dialog;
-    typeInto(&dialog, "packageEdit", name);
-    typeInto(&dialog, "specificVersionEdit", version);
-    typeInto(&dialog, "constraintEdit", constraint);
-    child<QRadioButton>(&dialog, qPrintable(option))->click();
+    typeInto(&dialog, "packageEdit", typed.at(0));
+    typeInto(&dialog, "specificVersionEdit", typed.at(2));
+    typeInto(&dialog, "constraintEdit", typed.at(3));
+    child<QRadioButton>(&dialog, qPrintable(typed.at(1)))->click();
     QCOMPARE(dialog.packageSpec(), spec);
     QCOMPARE(child<QPushButton>(&dialog, "installButton")->isEnabled(), installEnabled);
 }
@@ -220,33 +175,30 @@ void EnvironmentDialogsTest::packageSpecification()
 void EnvironmentDialogsTest::createValidation_data()
 {
     QTest::addColumn<QString>("name");
-    QTest::addColumn<QString>("requirements");
+    QTest::addColumn<QString>("requirements"); // "default", a file name in the scratch folder, or empty
     QTest::addColumn<QString>("message");
-    QTest::addColumn<bool>("accepted");
-    const QString replaced = "Warning: An environment with this name already exists. It will be replaced.";
+    const QString characters = "Error: Name can only contain letters, numbers, hyphens, and underscores";
+    const QString noFile = "Error: Please select a valid requirements file";
     QTest::newRow("empty") << "  "
                            << "default"
-                           << "Error: Environment name is required" << false;
+                           << "Error: Environment name is required";
     QTest::newRow("space") << "my env"
-                           << "default"
-                           << "Error: Name can only contain letters, numbers, hyphens, and underscores" << false;
+                           << "default" << characters;
     QTest::newRow("dot") << "cuda-12.1"
-                         << "default"
-                         << "Error: Name can only contain letters, numbers, hyphens, and underscores" << false;
+                         << "default" << characters;
     QTest::newRow("no file") << "vision"
-                             << ""
-                             << "Error: Please select a valid requirements file" << false;
+                             << "" << noFile;
     QTest::newRow("missing file") << "vision"
-                                  << "missing.txt"
-                                  << "Error: Please select a valid requirements file" << false;
+                                  << "missing.txt" << noFile;
     QTest::newRow("default list") << "vision_2"
                                   << "default"
-                                  << "" << true;
+                                  << "";
     QTest::newRow("file") << "vision-2"
                           << "present.txt"
-                          << "" << true;
+                          << "";
     QTest::newRow("existing") << "existing"
-                              << "default" << replaced << true;
+                              << "default"
+                              << "Warning: An environment with this name already exists. It will be replaced.";
 }
 
 void EnvironmentDialogsTest::createValidation()
@@ -254,12 +206,9 @@ void EnvironmentDialogsTest::createValidation()
     QFETCH(QString, name);
     QFETCH(QString, requirements);
     QFETCH(QString, message);
-    QFETCH(bool, accepted);
     QDir().mkpath(manager->environmentPath("existing"));
-    const QString present = writeFile("present.txt", "quorix-alpha\n");
-    const QString path = requirements == "present.txt" ? present
-                         : requirements.isEmpty()      ? QString()
-                                                       : bed.scratchPath(requirements);
+    bed.writeFile("present.txt", "quorix-alpha\n");
+    const QString path = requirements.isEmpty() ? QString() : bed.scratchPath(requirements);
 
     CreateEnvironmentDialog dialog;
     dialog.setEnvironmentsFolder(manager->baseFolder());
@@ -270,14 +219,15 @@ void EnvironmentDialogsTest::createValidation()
     }
     child<QPushButton>(&dialog, "createButton")->click();
     QCOMPARE(child<QLabel>(&dialog, "messageLabel")->text(), message);
+    const bool accepted = message.isEmpty() || message.startsWith("Warning");
     QCOMPARE(dialog.result() == QDialog::Accepted, accepted);
     if (accepted) {
         QCOMPARE(dialog.environmentName(), name);
-        QCOMPARE(dialog.requirementsPath(), requirements == "default" ? QString() : present);
+        QCOMPARE(dialog.requirementsPath(), requirements == "default" ? QString() : path);
     }
 }
 
-void EnvironmentDialogsTest::createOffersTheDesignedChoices()
+void EnvironmentDialogsTest::createOffersPythonVersionsAndTheDefaultList()
 {
     CreateEnvironmentDialog dialog;
     QComboBox *versions = child<QComboBox>(&dialog, "pythonVersionCombo");
@@ -302,7 +252,7 @@ void EnvironmentDialogsTest::createInstallUninstallUpdateFromTheWindow()
     QCOMPARE(list->item(0)->text(), QStringLiteral("No environments found. Click 'New' to create one."));
     QCOMPARE(child<QLabel>(&dialog, "detailsLabel")->text(), QStringLiteral("Select an environment to view details"));
 
-    const QString requirements = writeFile("vision.txt", "quorix-cv2\nquorix-alpha==1.0\n");
+    const QString requirements = bed.writeFile("vision.txt", "quorix-cv2\nquorix-alpha==1.0\n");
     whenModal("Create New Environment", [=](QWidget *create) {
         typeInto(create, "nameEdit", "vision");
         child<QComboBox>(create, "pythonVersionCombo")->setCurrentText("3.11");
@@ -365,16 +315,13 @@ void EnvironmentDialogsTest::badPackageInputEndsInTheManagersMessage_data()
 {
     QTest::addColumn<QString>("name");
     QTest::addColumn<QString>("constraint");
-    QTest::addColumn<QString>("detail");
+    QTest::addColumn<QString>("detail"); // empty: whatever uv says
     QTest::newRow("shell text") << "quorix-beta; rm -rf ~"
                                 << ""
                                 << "";
     QTest::newRow("index option") << "--index-url=http://127.0.0.1:1/evil"
                                   << ""
                                   << "'--index-url=http://127.0.0.1:1/evil' is not a package specification";
-    QTest::newRow("editable") << "-e ."
-                              << ""
-                              << "'-e .' is not a package specification";
     QTest::newRow("unsatisfiable") << "quorix-beta"
                                    << ">=9"
                                    << "";
@@ -416,7 +363,7 @@ void EnvironmentDialogsTest::importSyncAndDeleteFromTheWindow()
     QTRY_COMPARE(tableRows(dialog), QStringList({"quorix-cv2 1.0"}));
 
     // The list is placed the way Import... leaves it; the file dialog itself is not driven here.
-    const QString good = writeFile("good.txt", "quorix-cv2\nquorix-gamma\n");
+    const QString good = bed.writeFile("good.txt", "quorix-cv2\nquorix-gamma\n");
     const QString target = manager->environmentPath("work") + "/requirements.txt";
     QVERIFY(QFile::remove(target) && QFile::copy(good, target));
     OperationRecorder sync(manager);
@@ -426,7 +373,7 @@ void EnvironmentDialogsTest::importSyncAndDeleteFromTheWindow()
     QTRY_COMPARE(tableRows(dialog), QStringList({"quorix-cv2 1.0", "quorix-gamma 1.0"}));
     QFile copied(target);
 
-    writeFile("good.txt", "quorix-cv2\nthis is not a requirement ===\n");
+    bed.writeFile("good.txt", "quorix-cv2\nthis is not a requirement ===\n");
     QVERIFY(QFile::remove(copied.fileName()) && QFile::copy(good, copied.fileName()));
     OperationRecorder broken(manager);
     ModalAnswerer failure;

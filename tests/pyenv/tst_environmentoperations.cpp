@@ -1,6 +1,7 @@
 #include "OperationRecorder.h"
 #include "PyenvTestBed.h"
 #include "TemporaryHome.h"
+#include "TestFiles.h"
 #include "pyenv/PythonEnvironmentManager.h"
 
 #include <QtTest>
@@ -8,6 +9,7 @@
 using Quorix::PythonEnvironmentManager;
 using Quorix::Testing::OperationRecorder;
 using Quorix::Testing::PyenvTestBed;
+using Quorix::Testing::TestFiles;
 
 class EnvironmentOperationsTest : public QObject
 {
@@ -16,21 +18,16 @@ class EnvironmentOperationsTest : public QObject
 private slots:
     void initTestCase();
     void init();
-    void createWithRequirementsFileInstallsExactlyThatList();
-    void createWithoutRequirementsWritesTheDefaultList();
-    void failedVenvRemovesTheHalfMadeFolder();
-    void verificationPassingTwoSecondsLaterDoesNotReinstall();
-    void verificationThatKeepsFailingReinstallsOnce();
+    void createInstallsTheListAndReportsEachStep_data();
+    void createInstallsTheListAndReportsEachStep();
+    void verificationRetriesOnceAfterTwoSecondPauses_data();
+    void verificationRetriesOnceAfterTwoSecondPauses();
     void packageOperationsChangeWhatTheListingReports();
-    void extraIndexesFromTheEnvironmentReachUv();
-    void deleteRunsOnAWorkerAndKeepsLinkedFilesOutside();
-    void deletingAnythingButAnEnvironmentIsRefused();
-    void replaceRemovesTheOldFolderBeforeCreating();
+    void deleteAndReplaceRunOnAWorker();
+    void refusedCallsTouchNothing();
     void environmentListShowsOnlyEnvironments();
-    void missingUvStopsEveryOperation();
 
 private:
-    QString writeFile(const QString &name, const QByteArray &content);
     QStringList listing(const QString &env);
     void create(const QString &env, const QByteArray &requirements);
 
@@ -53,15 +50,6 @@ void EnvironmentOperationsTest::init()
     QFile::remove(bed.scratchPath("cv2-ready"));
 }
 
-QString EnvironmentOperationsTest::writeFile(const QString &name, const QByteArray &content)
-{
-    const QString path = bed.scratchPath(name);
-    QFile file(path);
-    file.open(QIODevice::WriteOnly | QIODevice::Truncate);
-    file.write(content);
-    return path;
-}
-
 QStringList EnvironmentOperationsTest::listing(const QString &env)
 {
     QStringList packages;
@@ -73,99 +61,103 @@ QStringList EnvironmentOperationsTest::listing(const QString &env)
 void EnvironmentOperationsTest::create(const QString &env, const QByteArray &requirements)
 {
     OperationRecorder recorder(manager);
-    manager->createEnvironment(env, "3.11", writeFile(env + "-requirements.txt", requirements));
+    manager->createEnvironment(env, "3.11", bed.writeFile(env + "-requirements.txt", requirements));
     QVERIFY(recorder.waitFinished());
     QVERIFY2(recorder.succeeded(), qPrintable(recorder.error()));
 }
 
-void EnvironmentOperationsTest::createWithRequirementsFileInstallsExactlyThatList()
+void EnvironmentOperationsTest::createInstallsTheListAndReportsEachStep_data()
 {
-    const QByteArray requirements = "quorix-cv2\nquorix-alpha==1.0\n";
+    QTest::addColumn<QString>("python");
+    QTest::addColumn<QByteArray>("requirements"); // empty: the default list
+    QTest::addColumn<QString>("error"); // ending in a blank line: the start of the message
+    QTest::addColumn<QStringList>("packages");
+
+    QTest::newRow("own list") << "3.11" << QByteArray("quorix-cv2\nquorix-alpha==1.0\n") << ""
+                              << QStringList{"quorix-alpha 1.0", "quorix-cv2 1.0"};
+    // The local index has none of the default packages, so uv's refusal comes back through the message.
+    QTest::newRow("default list") << "3.11" << QByteArray() << "Package installation failed.\n\n" << QStringList();
+    QTest::newRow("python that is not there")
+            << "3.7" << QByteArray("quorix-cv2\n") << "Failed to create virtual environment.\n\n"
+            << QStringList();
+}
+
+void EnvironmentOperationsTest::createInstallsTheListAndReportsEachStep()
+{
+    QFETCH(QString, python);
+    QFETCH(QByteArray, requirements);
+    QFETCH(QString, error);
+    QFETCH(QStringList, packages);
+
     OperationRecorder recorder(manager);
     QSignalSpy loaded(manager, &PythonEnvironmentManager::packagesLoaded);
-    manager->createEnvironment("env1", "3.11", writeFile("requirements.txt", requirements));
+    manager->createEnvironment("env1", python,
+                               requirements.isEmpty() ? QString() : bed.writeFile("r.txt", requirements));
     QVERIFY(recorder.waitFinished());
     QCOMPARE(recorder.finishedCount(), 1);
-    QVERIFY2(recorder.succeeded(), qPrintable(recorder.all().join('\n')));
+    QCOMPARE(recorder.error().left(error.size()), error);
+    QCOMPARE(recorder.succeeded(), error.isEmpty());
+    const QString folder = manager->environmentPath("env1");
+    if (python == "3.7") {
+        QVERIFY(recorder.error().contains("3.7"));
+        QVERIFY(!QFileInfo::exists(folder));
+        QVERIFY(recorder.events("created").isEmpty());
+        return;
+    }
     QCOMPARE(recorder.events("started"),
              QStringList({"Creating environment 'env1' with Python 3.11...", "Installing packages for 'env1'..."}));
-    QVERIFY(recorder.events("progress").contains("Verifying critical imports..."));
     QCOMPARE(recorder.events("created"), QStringList({"env1"}));
+    QCOMPARE(TestFiles::read(folder + "/requirements.txt"),
+             requirements.isEmpty() ? QByteArray("# Quorix Default Python Environment\n\nnumpy\nscipy\nopencv-python\n"
+                                                 "pillow\nimutils\nrequests\nmss\ncryptography\n")
+                                    : requirements);
+    if (!error.isEmpty()) {
+        QVERIFY2(recorder.error().contains("numpy"), qPrintable(recorder.error()));
+        return;
+    }
+    QVERIFY(recorder.events("progress").contains("Verifying critical imports..."));
     QCOMPARE(recorder.events("changed"), QStringList({"env1"}));
-
-    QFile written(manager->environmentPath("env1") + "/requirements.txt");
-    QVERIFY(written.open(QIODevice::ReadOnly));
-    QCOMPARE(written.readAll(), requirements);
-    QCOMPARE(listing("env1"), QStringList({"quorix-alpha 1.0", "quorix-cv2 1.0"}));
+    QCOMPARE(listing("env1"), packages);
     QCOMPARE(loaded.count(), 1);
-    QCOMPARE(loaded.first().at(0).value<QList<PythonEnvironmentManager::Package>>().size(), 2);
 }
 
-void EnvironmentOperationsTest::createWithoutRequirementsWritesTheDefaultList()
+void EnvironmentOperationsTest::verificationRetriesOnceAfterTwoSecondPauses_data()
 {
-    OperationRecorder recorder(manager);
-    manager->createEnvironment("defaults", "3.11", QString());
-    QVERIFY(recorder.waitFinished());
-    QFile written(manager->environmentPath("defaults") + "/requirements.txt");
-    QVERIFY(written.open(QIODevice::ReadOnly));
-    QCOMPARE(written.readAll(), QByteArray("# Quorix Default Python Environment\n\nnumpy\nscipy\nopencv-python\n"
-                                           "pillow\nimutils\nrequests\nmss\ncryptography\n"));
-    // The local index has none of these, so uv's refusal comes back through the installation message.
-    QCOMPARE(recorder.finishedCount(), 1);
-    QVERIFY(!recorder.succeeded());
-    QVERIFY2(recorder.error().startsWith("Package installation failed.\n\n"), qPrintable(recorder.error()));
-    QVERIFY2(recorder.error().contains("numpy"), qPrintable(recorder.error()));
-    QCOMPARE(recorder.events("created"), QStringList({"defaults"}));
+    QTest::addColumn<bool>("becomesReady");
+    QTest::newRow("module ready a second later") << true;
+    QTest::newRow("module never ready") << false;
 }
 
-void EnvironmentOperationsTest::failedVenvRemovesTheHalfMadeFolder()
+void EnvironmentOperationsTest::verificationRetriesOnceAfterTwoSecondPauses()
 {
-    OperationRecorder recorder(manager);
-    manager->createEnvironment("old-python", "3.7", writeFile("r.txt", "quorix-cv2\n"));
-    QVERIFY(recorder.waitFinished());
-    QCOMPARE(recorder.finishedCount(), 1);
-    QVERIFY2(recorder.error().startsWith("Failed to create virtual environment.\n\n"), qPrintable(recorder.error()));
-    QVERIFY(recorder.error().contains("3.7"));
-    QVERIFY(!QFileInfo::exists(manager->environmentPath("old-python")));
-    QVERIFY(recorder.events("created").isEmpty());
-}
+    QFETCH(bool, becomesReady);
 
-void EnvironmentOperationsTest::verificationPassingTwoSecondsLaterDoesNotReinstall()
-{
     OperationRecorder recorder(manager);
     // The stand-in cv2 refuses to import until this file appears, as a module still being written would.
-    connect(manager, &PythonEnvironmentManager::operationProgress, &recorder, [this](const QString &text) {
-        if (text == "Verifying critical imports...")
-            QTimer::singleShot(1000, [this] { writeFile("cv2-ready", "ready"); });
-    });
+    connect(manager, &PythonEnvironmentManager::operationProgress, &recorder,
+            [this, becomesReady](const QString &text) {
+                if (becomesReady && text == "Verifying critical imports...")
+                    QTimer::singleShot(1000, [this] { bed.writeFile("cv2-ready", "ready"); });
+            });
     QElapsedTimer clock;
     clock.start();
-    manager->createEnvironment("slow", "3.11", writeFile("r.txt", "quorix-flaky-cv2\n"));
-    QVERIFY(recorder.waitFinished());
-    QCOMPARE(recorder.finishedCount(), 1);
-    QVERIFY2(recorder.succeeded(), qPrintable(recorder.all().join('\n')));
-    QVERIFY(clock.elapsed() >= 2000);
-    QVERIFY(!recorder.events("progress").contains("Retrying package installation..."));
-    QCOMPARE(recorder.events("changed"), QStringList({"slow"}));
-}
-
-void EnvironmentOperationsTest::verificationThatKeepsFailingReinstallsOnce()
-{
-    OperationRecorder recorder(manager);
-    QElapsedTimer clock;
-    clock.start();
-    manager->createEnvironment("broken", "3.11", writeFile("r.txt", "quorix-flaky-cv2\n"));
+    manager->createEnvironment("slow", "3.11", bed.writeFile("r.txt", "quorix-flaky-cv2\n"));
     QVERIFY(recorder.waitFinished(90000));
     QCOMPARE(recorder.finishedCount(), 1);
-    QCOMPARE(recorder.error(), QStringLiteral("Critical imports failed after retry: cv2\n\nTry reinstalling the "
-                                              "environment."));
+    QCOMPARE(recorder.events("changed"), QStringList({"slow"}));
     const QStringList progress = recorder.events("progress");
+    if (becomesReady) {
+        QVERIFY2(recorder.succeeded(), qPrintable(recorder.all().join('\n')));
+        QVERIFY(clock.elapsed() >= 2000);
+        QVERIFY(!progress.contains("Retrying package installation..."));
+        return;
+    }
+    QCOMPARE(recorder.error(), "Critical imports failed after retry: cv2\n\nTry reinstalling the environment.");
     QCOMPARE(progress.count("Import verification failed for: cv2. Retrying installation..."), 1);
     QCOMPARE(progress.count("Retrying package installation..."), 1);
     QCOMPARE(progress.count("Verifying critical imports..."), 2);
     QCOMPARE(recorder.events("started"),
-             QStringList({"Creating environment 'broken' with Python 3.11...", "Installing packages for 'broken'..."}));
-    QCOMPARE(recorder.events("changed"), QStringList({"broken"}));
+             QStringList({"Creating environment 'slow' with Python 3.11...", "Installing packages for 'slow'..."}));
     // Three runs 2 s apart, twice.
     QVERIFY(clock.elapsed() >= 8000);
 }
@@ -173,95 +165,85 @@ void EnvironmentOperationsTest::verificationThatKeepsFailingReinstallsOnce()
 void EnvironmentOperationsTest::packageOperationsChangeWhatTheListingReports()
 {
     create("pkgs", "quorix-cv2\nquorix-alpha==1.0\n");
+    const QString folder = manager->environmentPath("pkgs");
+    TestFiles::write(folder + "/index_urls.json",
+                     QJsonDocument(QJsonObject{{"extra_index_urls",
+                                                QJsonArray{bed.extraIndexUrl(), 42, bed.secondExtraIndexUrl()}}})
+                             .toJson());
+    QCOMPARE(manager->extraIndexUrls(folder), QStringList({bed.extraIndexUrl(), bed.secondExtraIndexUrl()}));
 
-    struct Step
-    {
-        std::function<void()> call;
-        QString started;
-    };
-    const QList<Step> steps = {
+    const QList<std::pair<std::function<void()>, QString>> steps = {
             {[this] { manager->installPackage("pkgs", "quorix-beta"); }, "Installing quorix-beta..."},
             {[this] {
-                 manager->installPackages("pkgs", {"quorix-gamma", "quorix-delta==1.0"});
+                 manager->installPackages("pkgs", {"quorix-extra", "quorix-extra-two"});
              },
              "Installing 2 packages..."},
             {[this] { manager->updatePackage("pkgs", "quorix-alpha"); }, "Updating quorix-alpha..."},
             {[this] { manager->uninstallPackage("pkgs", "quorix-beta"); }, "Uninstalling quorix-beta..."},
             {[this] {
-                 manager->uninstallPackages("pkgs", {"quorix-gamma", "quorix-delta"});
+                 manager->uninstallPackages("pkgs", {"quorix-extra", "quorix-extra-two"});
              },
              "Uninstalling 2 packages..."},
     };
-    const QList<QStringList> expected = {
-            {"quorix-alpha 1.0", "quorix-beta 1.0", "quorix-cv2 1.0"},
-            {"quorix-alpha 1.0", "quorix-beta 1.0", "quorix-cv2 1.0", "quorix-delta 1.0", "quorix-gamma 1.0"},
-            {"quorix-alpha 1.1", "quorix-beta 1.0", "quorix-cv2 1.0", "quorix-delta 1.0", "quorix-gamma 1.0"},
-            {"quorix-alpha 1.1", "quorix-cv2 1.0", "quorix-delta 1.0", "quorix-gamma 1.0"},
-            {"quorix-alpha 1.1", "quorix-cv2 1.0"},
-    };
+    const QString extras = "quorix-extra 1.0|quorix-extra-two 1.0";
+    const QStringList expected = {"quorix-alpha 1.0|quorix-beta 1.0|quorix-cv2 1.0",
+                                  "quorix-alpha 1.0|quorix-beta 1.0|quorix-cv2 1.0|" + extras,
+                                  "quorix-alpha 1.1|quorix-beta 1.0|quorix-cv2 1.0|" + extras,
+                                  "quorix-alpha 1.1|quorix-cv2 1.0|" + extras, "quorix-alpha 1.1|quorix-cv2 1.0"};
     for (qsizetype i = 0; i < steps.size(); ++i) {
         OperationRecorder recorder(manager);
-        steps.at(i).call();
+        steps.at(i).first();
         QVERIFY(recorder.waitFinished());
         QCOMPARE(recorder.finishedCount(), 1);
         QVERIFY2(recorder.succeeded(), qPrintable(recorder.error()));
-        QCOMPARE(recorder.events("started"), QStringList({steps.at(i).started}));
+        QCOMPARE(recorder.events("started"), QStringList({steps.at(i).second}));
         QCOMPARE(recorder.events("changed"), QStringList({"pkgs"}));
-        QCOMPARE(listing("pkgs"), expected.at(i));
+        QCOMPARE(listing("pkgs").join('|'), expected.at(i));
     }
 
     OperationRecorder failing(manager);
     manager->installPackage("pkgs", "quorix-nowhere");
     QVERIFY(failing.waitFinished());
     QVERIFY2(failing.error().startsWith("Operation failed.\n\n"), qPrintable(failing.error()));
-    QVERIFY(failing.error().contains("quorix-nowhere"));
-    QVERIFY(failing.events("changed").isEmpty());
-    QCOMPARE(listing("pkgs"), expected.last());
+    QVERIFY(failing.error().contains("quorix-nowhere") && failing.events("changed").isEmpty());
+    QCOMPARE(listing("pkgs").join('|'), expected.last());
 }
 
-void EnvironmentOperationsTest::extraIndexesFromTheEnvironmentReachUv()
+void EnvironmentOperationsTest::deleteAndReplaceRunOnAWorker()
 {
-    create("indexed", "quorix-cv2\n");
-    const QString folder = manager->environmentPath("indexed");
-    QFile index(folder + "/index_urls.json");
-    QVERIFY(index.open(QIODevice::WriteOnly));
-    index.write(QJsonDocument(QJsonObject{{"extra_index_urls",
-                                           QJsonArray{bed.extraIndexUrl(), 42, bed.secondExtraIndexUrl()}}})
-                        .toJson());
-    index.close();
-    QCOMPARE(manager->extraIndexUrls(folder), QStringList({bed.extraIndexUrl(), bed.secondExtraIndexUrl()}));
+    create("swap", "quorix-cv2\nquorix-alpha==1.0\n");
+    const QString folder = manager->environmentPath("swap");
+    TestFiles::write(folder + "/stale.txt", "stale");
+    TestFiles::write(folder + "/requirements.txt", "quorix-cv2\nquorix-beta\n");
+    OperationRecorder replacing(manager);
+    // The new list lives in the folder being replaced, so it has to be read before the removal.
+    manager->replaceEnvironmentAsync("swap", "3.11", folder + "/requirements.txt");
+    QCOMPARE(replacing.all(), QStringList({"started: Replacing environment 'swap'...", "deleteStarted: swap"}));
+    QVERIFY(replacing.waitFinished());
+    QVERIFY2(replacing.succeeded(), qPrintable(replacing.all().join('\n')));
+    QCOMPARE(replacing.events("started"),
+             QStringList({"Replacing environment 'swap'...", "Creating environment 'swap' with Python 3.11...",
+                          "Installing packages for 'swap'..."}));
+    QCOMPARE(replacing.events("deleteFinished"), QStringList({"swap ok"}));
+    QVERIFY(!QFileInfo::exists(folder + "/stale.txt"));
+    QCOMPARE(listing("swap"), QStringList({"quorix-beta 1.0", "quorix-cv2 1.0"}));
 
-    OperationRecorder recorder(manager);
-    manager->installPackages("indexed", {"quorix-extra", "quorix-extra-two"});
-    QVERIFY(recorder.waitFinished());
-    QVERIFY2(recorder.succeeded(), qPrintable(recorder.error()));
-    QCOMPARE(listing("indexed"), QStringList({"quorix-cv2 1.0", "quorix-extra 1.0", "quorix-extra-two 1.0"}));
-}
-
-void EnvironmentOperationsTest::deleteRunsOnAWorkerAndKeepsLinkedFilesOutside()
-{
-    const QString folder = manager->environmentPath("doomed");
-    QDir().mkpath(folder + "/.qenv/lib");
     const QString outside = bed.scratchPath("keep");
     QDir().mkpath(outside);
-    writeFile("keep/precious.txt", "mine");
+    bed.writeFile("keep/precious.txt", "mine");
     QVERIFY(QFile::link(outside, folder + "/.qenv/lib/linked"));
     QVERIFY(QFile::link(outside + "/precious.txt", folder + "/file-link"));
-
-    OperationRecorder recorder(manager);
-    manager->deleteEnvironmentAsync("doomed");
+    OperationRecorder deleting(manager);
+    manager->deleteEnvironmentAsync("swap");
     // The removal is reported by a queued call, so nothing has finished when the call returns.
-    QCOMPARE(recorder.all(), QStringList({"started: Deleting environment 'doomed'...", "deleteStarted: doomed"}));
-    QVERIFY(recorder.waitFinished());
-    QCOMPARE(recorder.all(), QStringList({"started: Deleting environment 'doomed'...", "deleteStarted: doomed",
-                                          "deleteFinished: doomed ok", "deleted: doomed", "finished: "}));
+    QCOMPARE(deleting.all(), QStringList({"started: Deleting environment 'swap'...", "deleteStarted: swap"}));
+    QVERIFY(deleting.waitFinished());
+    QCOMPARE(deleting.all().mid(2), QStringList({"deleteFinished: swap ok", "deleted: swap", "finished: "}));
     QVERIFY(!QFileInfo::exists(folder));
-    QFile precious(outside + "/precious.txt");
-    QVERIFY(precious.open(QIODevice::ReadOnly));
-    QCOMPARE(precious.readAll(), QByteArray("mine"));
+    QCOMPARE(TestFiles::read(outside + "/precious.txt"), QByteArray("mine"));
 }
 
-void EnvironmentOperationsTest::deletingAnythingButAnEnvironmentIsRefused()
+void EnvironmentOperationsTest::refusedCallsTouchNothing()
 {
     for (const QString &name : {QString("absent"), QString(), QString(".."), QString("../python")}) {
         OperationRecorder recorder(manager);
@@ -270,53 +252,7 @@ void EnvironmentOperationsTest::deletingAnythingButAnEnvironmentIsRefused()
         QCOMPARE(recorder.all(), QStringList({"finished: Environment not found"}));
     }
     QVERIFY(manager->isUvInstalled());
-}
 
-void EnvironmentOperationsTest::replaceRemovesTheOldFolderBeforeCreating()
-{
-    create("swap", "quorix-cv2\nquorix-alpha==1.0\n");
-    const QString folder = manager->environmentPath("swap");
-    QFile stale(folder + "/stale.txt");
-    QVERIFY(stale.open(QIODevice::WriteOnly));
-    stale.close();
-    QFile requirements(folder + "/requirements.txt");
-    QVERIFY(requirements.open(QIODevice::WriteOnly | QIODevice::Truncate));
-    requirements.write("quorix-cv2\nquorix-beta\n");
-    requirements.close();
-
-    OperationRecorder recorder(manager);
-    // The new list lives in the folder being replaced, so it has to be read before the removal.
-    manager->replaceEnvironmentAsync("swap", "3.11", folder + "/requirements.txt");
-    QCOMPARE(recorder.all(), QStringList({"started: Replacing environment 'swap'...", "deleteStarted: swap"}));
-    QVERIFY(recorder.waitFinished());
-    QCOMPARE(recorder.finishedCount(), 1);
-    QVERIFY2(recorder.succeeded(), qPrintable(recorder.all().join('\n')));
-    QCOMPARE(recorder.events("started"),
-             QStringList({"Replacing environment 'swap'...", "Creating environment 'swap' with Python 3.11...",
-                          "Installing packages for 'swap'..."}));
-    QCOMPARE(recorder.events("deleteFinished"), QStringList({"swap ok"}));
-    QVERIFY(!QFileInfo::exists(folder + "/stale.txt"));
-    QCOMPARE(listing("swap"), QStringList({"quorix-beta 1.0", "quorix-cv2 1.0"}));
-}
-
-void EnvironmentOperationsTest::environmentListShowsOnlyEnvironments()
-{
-    create("listed", "quorix-cv2\n");
-    QDir().mkpath(manager->baseFolder() + "/not-an-env");
-    QDir().mkpath(manager->baseFolder() + "/" + manager->profile().uvFileName().toUpper() + "/.qenv");
-    const QList<PythonEnvironmentManager::Environment> environments = manager->environments();
-    QCOMPARE(environments.size(), 1);
-    const PythonEnvironmentManager::Environment &listed = environments.first();
-    QCOMPARE(listed.name, QStringLiteral("listed"));
-    QCOMPARE(listed.path, manager->baseFolder() + "/listed");
-    QCOMPARE(listed.pythonPath, manager->baseFolder() + "/listed/.qenv/bin/python");
-    QVERIFY(listed.pythonExists);
-    QVERIFY2(listed.pythonVersion.startsWith("3.11."), qPrintable(listed.pythonVersion));
-    QCOMPARE(manager->pythonVersion(bed.scratchPath("no-such-python")), QString());
-}
-
-void EnvironmentOperationsTest::missingUvStopsEveryOperation()
-{
     bed.prepareBaseFolder(*manager, false);
     const QList<std::function<void()>> calls = {
             [this] { manager->createEnvironment("x", "3.11", QString()); },
@@ -333,6 +269,21 @@ void EnvironmentOperationsTest::missingUvStopsEveryOperation()
         QCOMPARE(recorder.all(), QStringList({"finished: UV is not installed"}));
     }
     QCOMPARE(QDir(manager->baseFolder()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot), QStringList());
+}
+
+void EnvironmentOperationsTest::environmentListShowsOnlyEnvironments()
+{
+    create("listed", "quorix-cv2\n");
+    QDir().mkpath(manager->baseFolder() + "/not-an-env");
+    QDir().mkpath(manager->baseFolder() + "/" + manager->profile().uvFileName().toUpper() + "/.qenv");
+    const QList<PythonEnvironmentManager::Environment> environments = manager->environments();
+    QCOMPARE(environments.size(), 1);
+    const PythonEnvironmentManager::Environment &listed = environments.first();
+    QCOMPARE(listed.name + '|' + listed.path + '|' + listed.pythonPath,
+             "listed|" + manager->baseFolder() + "/listed|" + manager->baseFolder() + "/listed/.qenv/bin/python");
+    QVERIFY(listed.pythonExists);
+    QVERIFY2(listed.pythonVersion.startsWith("3.11."), qPrintable(listed.pythonVersion));
+    QCOMPARE(manager->pythonVersion(bed.scratchPath("no-such-python")), QString());
 }
 
 QTEST_GUILESS_MAIN(EnvironmentOperationsTest)

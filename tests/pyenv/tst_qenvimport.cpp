@@ -1,6 +1,7 @@
 #include "OperationRecorder.h"
 #include "PyenvTestBed.h"
 #include "TemporaryHome.h"
+#include "TestFiles.h"
 #include "pyenv/PythonEnvironmentManager.h"
 
 #include <QtTest>
@@ -8,6 +9,7 @@
 using Quorix::PythonEnvironmentManager;
 using Quorix::Testing::OperationRecorder;
 using Quorix::Testing::PyenvTestBed;
+using Quorix::Testing::TestFiles;
 
 class QenvImportTest : public QObject
 {
@@ -15,18 +17,15 @@ class QenvImportTest : public QObject
 
 private slots:
     void initTestCase();
-    void init();
-    void packageWithoutPythonBuildsA311EnvironmentWithItsFiles();
+    void init() { bed.prepareBaseFolder(*manager, true); }
+    void packageBuildsAnEnvironmentWithItsFiles();
     void rejectedFilesWriteNothing_data();
     void rejectedFilesWriteNothing();
     void importingTheSameFileTwiceKeepsTheFirstEnvironment();
-    void emptyExtraIndexListWritesNoIndexFile();
     void unavailablePythonRemovesTheFolderAndTheTemporaryList();
 
 private:
-    QString writeQenv(const QByteArray &content);
-    QString readFile(const QString &path);
-    QStringList baseEntries();
+    QString importQenv(const QByteArray &qenv, OperationRecorder &recorder, int limitMs = 60000);
 
     Quorix::Testing::TemporaryHome home;
     PyenvTestBed bed;
@@ -39,32 +38,15 @@ void QenvImportTest::initTestCase()
     manager = PythonEnvironmentManager::instance();
 }
 
-void QenvImportTest::init()
+// Imports the package text and returns the folder of the environment it names.
+QString QenvImportTest::importQenv(const QByteArray &qenv, OperationRecorder &recorder, int limitMs)
 {
-    bed.prepareBaseFolder(*manager, true);
+    manager->createFromQenv(bed.writeFile("package.qenv", qenv));
+    recorder.waitFinished(limitMs);
+    return manager->environmentPath(QJsonDocument::fromJson(qenv).object().value("name").toString());
 }
 
-QString QenvImportTest::writeQenv(const QByteArray &content)
-{
-    const QString path = bed.scratchPath("package.qenv");
-    QFile file(path);
-    file.open(QIODevice::WriteOnly | QIODevice::Truncate);
-    file.write(content);
-    return path;
-}
-
-QString QenvImportTest::readFile(const QString &path)
-{
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString("<missing>");
-}
-
-QStringList QenvImportTest::baseEntries()
-{
-    return QDir(manager->baseFolder()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden);
-}
-
-void QenvImportTest::packageWithoutPythonBuildsA311EnvironmentWithItsFiles()
+void QenvImportTest::packageBuildsAnEnvironmentWithItsFiles()
 {
     const QJsonArray extras{bed.extraIndexUrl(), bed.secondExtraIndexUrl()};
     const QJsonObject qenv{
@@ -73,34 +55,38 @@ void QenvImportTest::packageWithoutPythonBuildsA311EnvironmentWithItsFiles()
             {"extra_index_urls", extras},
             {"description", "ignored"}};
     OperationRecorder recorder(manager);
-    manager->createFromQenv(writeQenv(QJsonDocument(qenv).toJson()));
-    QVERIFY(recorder.waitFinished());
+    const QString folder = importQenv(QJsonDocument(qenv).toJson(), recorder);
     QCOMPARE(recorder.finishedCount(), 1);
     QVERIFY2(recorder.succeeded(), qPrintable(recorder.all().join('\n')));
     QCOMPARE(recorder.events("started"), QStringList({"Creating environment 'vision' from .qenv with Python 3.11...",
                                                       "Installing packages for 'vision'..."}));
     QCOMPARE(recorder.events("created"), QStringList({"vision"}));
     QCOMPARE(recorder.events("changed"), QStringList({"vision"}));
-
-    const QString folder = manager->environmentPath("vision");
-    QCOMPARE(readFile(folder + "/requirements.txt"),
-             QStringLiteral("quorix-cv2\n\nquorix-extra==1.0\n\nquorix-extra-two\n"));
-    QCOMPARE(QJsonDocument::fromJson(readFile(folder + "/index_urls.json").toUtf8()).object(),
-             QJsonObject({{"extra_index_urls", extras}}));
-    QVERIFY(readFile(folder + "/index_urls.json").contains("\n    \"extra_index_urls\""));
+    QCOMPARE(TestFiles::read(folder + "/requirements.txt"),
+             QByteArray("quorix-cv2\n\nquorix-extra==1.0\n\nquorix-extra-two\n"));
+    const QByteArray indexes = TestFiles::read(folder + "/index_urls.json");
+    QCOMPARE(QJsonDocument::fromJson(indexes).object(), QJsonObject({{"extra_index_urls", extras}}));
+    QVERIFY(indexes.contains("\n    \"extra_index_urls\""));
     QVERIFY(!QFileInfo::exists(QDir::tempPath() + "/qenv_requirements.txt"));
-    QVERIFY2(manager->pythonVersion(manager->pythonPath("vision")).startsWith("3.11."),
-             qPrintable(manager->pythonVersion(manager->pythonPath("vision"))));
-    QStringList names;
-    for (const PythonEnvironmentManager::Package &package : manager->listPackages("vision"))
-        names << package.name;
-    QCOMPARE(names, QStringList({"quorix-cv2", "quorix-extra", "quorix-extra-two"}));
+    QVERIFY(manager->pythonVersion(manager->pythonPath("vision")).startsWith("3.11."));
+    QCOMPARE(manager->listPackages("vision").size(), 3);
+
+    // With nothing to install the import ends right after creation, without verifying imports or an index file.
+    OperationRecorder empty(manager);
+    const QString plain = importQenv(R"({"name": "plain", "packages": [], "extra_index_urls": []})", empty);
+    QVERIFY2(empty.succeeded(), qPrintable(empty.error()));
+    QCOMPARE(empty.events("started"), QStringList({"Creating environment 'plain' from .qenv with Python 3.11..."}));
+    QCOMPARE(empty.events("created"), QStringList({"plain"}));
+    QVERIFY(!empty.events("progress").contains("Verifying critical imports..."));
+    QVERIFY(QFileInfo(plain + "/.qenv").isDir() && !QFileInfo::exists(plain + "/index_urls.json"));
+    QCOMPARE(TestFiles::read(plain + "/requirements.txt"), QByteArray());
 }
 
 void QenvImportTest::rejectedFilesWriteNothing_data()
 {
     QTest::addColumn<QByteArray>("content");
     QTest::addColumn<QString>("error");
+    const QString invalidName = ".qenv file has an invalid environment name";
     QTest::newRow("not json") << QByteArray("{\"name\": ") << "Invalid .qenv file format";
     QTest::newRow("array") << QByteArray("[\"name\"]") << "Invalid .qenv file format";
     QTest::newRow("no name") << QByteArray("{\"python\": \"3.11\"}") << ".qenv file missing environment name";
@@ -108,26 +94,20 @@ void QenvImportTest::rejectedFilesWriteNothing_data()
     QTest::newRow("python 2.7") << QByteArray("{\"name\": \"old\", \"python\": \"2.7\"}")
                                 << "Invalid Python version: 2.7";
     QTest::newRow("bare 3") << QByteArray("{\"name\": \"old\", \"python\": \"3\"}") << "Invalid Python version: 3";
-    QTest::newRow("parent path") << QByteArray("{\"name\": \"../x\"}") << ".qenv file has an invalid environment name";
-    QTest::newRow("sub folder") << QByteArray("{\"name\": \"a/b\"}") << ".qenv file has an invalid environment name";
-    QTest::newRow("dots") << QByteArray("{\"name\": \"..\"}") << ".qenv file has an invalid environment name";
-    QTest::newRow("device") << QByteArray("{\"name\": \"NUL\"}") << ".qenv file has an invalid environment name";
-    QTest::newRow("drive") << QByteArray("{\"name\": \"c:x\"}") << ".qenv file has an invalid environment name";
+    for (const char *name : {"../x", "a/b", "..", "NUL", "c:x"})
+        QTest::newRow(name) << "{\"name\": \"" + QByteArray(name) + "\"}" << invalidName;
 }
 
 void QenvImportTest::rejectedFilesWriteNothing()
 {
     QFETCH(QByteArray, content);
     QFETCH(QString, error);
-    const QStringList before = baseEntries();
     const QStringList tempBefore = QDir(QDir::tempPath()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot);
     OperationRecorder recorder(manager);
-    manager->createFromQenv(writeQenv(content));
-    QVERIFY(recorder.waitFinished(2000));
+    importQenv(content, recorder, 2000);
     QCOMPARE(recorder.all(), QStringList({"finished: " + error}));
-    QCOMPARE(baseEntries(), before);
+    QCOMPARE(QDir(manager->baseFolder()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot), QStringList{"uv"});
     QCOMPARE(QDir(QDir::tempPath()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot), tempBefore);
-    QVERIFY(!QFileInfo::exists(manager->baseFolder() + "/x"));
     QVERIFY(!QFileInfo::exists(QFileInfo(manager->baseFolder()).path() + "/x"));
 
     OperationRecorder missing(manager);
@@ -138,49 +118,28 @@ void QenvImportTest::rejectedFilesWriteNothing()
 
 void QenvImportTest::importingTheSameFileTwiceKeepsTheFirstEnvironment()
 {
-    const QString path
-            = writeQenv(R"({"name": "twice", "python": "3.11", "packages": ["quorix-cv2", "quorix-alpha==1.0"]})");
+    const QByteArray qenv = R"({"name": "twice", "python": "3.11", "packages": ["quorix-cv2", "quorix-alpha==1.0"]})";
     OperationRecorder first(manager);
-    manager->createFromQenv(path);
-    QVERIFY(first.waitFinished());
+    const QString folder = importQenv(qenv, first);
     QVERIFY2(first.succeeded(), qPrintable(first.error()));
-    const QString requirements = readFile(manager->environmentPath("twice") + "/requirements.txt");
-    QCOMPARE(requirements, QStringLiteral("quorix-cv2\nquorix-alpha==1.0\n"));
+    QCOMPARE(TestFiles::read(folder + "/requirements.txt"), QByteArray("quorix-cv2\nquorix-alpha==1.0\n"));
 
     OperationRecorder second(manager);
-    manager->createFromQenv(path);
-    QVERIFY(second.waitFinished(2000));
+    importQenv(qenv, second, 2000);
     QCOMPARE(second.all(), QStringList({"finished: Environment 'twice' already exists"}));
-    QCOMPARE(readFile(manager->environmentPath("twice") + "/requirements.txt"), requirements);
+    QCOMPARE(TestFiles::read(folder + "/requirements.txt"), QByteArray("quorix-cv2\nquorix-alpha==1.0\n"));
     QCOMPARE(manager->listPackages("twice").size(), 2);
-}
-
-void QenvImportTest::emptyExtraIndexListWritesNoIndexFile()
-{
-    OperationRecorder recorder(manager);
-    manager->createFromQenv(writeQenv(R"({"name": "plain", "packages": [], "extra_index_urls": []})"));
-    QVERIFY(recorder.waitFinished());
-    QCOMPARE(recorder.finishedCount(), 1);
-    QVERIFY2(recorder.succeeded(), qPrintable(recorder.error()));
-    // With nothing to install the import ends right after creation, without verifying imports.
-    QCOMPARE(recorder.events("started"), QStringList({"Creating environment 'plain' from .qenv with Python 3.11..."}));
-    QVERIFY(!recorder.events("progress").contains("Verifying critical imports..."));
-    const QString folder = manager->environmentPath("plain");
-    QVERIFY(QFileInfo(folder + "/.qenv").isDir());
-    QVERIFY(!QFileInfo::exists(folder + "/index_urls.json"));
-    QCOMPARE(readFile(folder + "/requirements.txt"), QString());
 }
 
 void QenvImportTest::unavailablePythonRemovesTheFolderAndTheTemporaryList()
 {
     OperationRecorder recorder(manager);
-    manager->createFromQenv(writeQenv(R"({"name": "future", "python": "3.99", "packages": ["quorix-cv2"],
-                                         "extra_index_urls": ["http://127.0.0.1:9/simple"]})"));
-    QVERIFY(recorder.waitFinished());
+    const QString folder = importQenv(R"({"name": "future", "python": "3.99", "packages": ["quorix-cv2"],
+                                      "extra_index_urls": ["http://127.0.0.1:9/simple"]})",
+                                      recorder);
     QCOMPARE(recorder.finishedCount(), 1);
     QVERIFY2(recorder.error().startsWith("Failed to create virtual environment.\n\n"), qPrintable(recorder.error()));
-    QVERIFY(!QFileInfo::exists(manager->environmentPath("future")));
-    QVERIFY(!QFileInfo::exists(QDir::tempPath() + "/qenv_requirements.txt"));
+    QVERIFY(!QFileInfo::exists(folder) && !QFileInfo::exists(QDir::tempPath() + "/qenv_requirements.txt"));
     QVERIFY(recorder.events("created").isEmpty());
 }
 

@@ -1,16 +1,14 @@
-#include "LocalHttpServer.h"
 #include "PyenvTestBed.h"
+#include "RecordingHttpServer.h"
 #include "TemporaryHome.h"
+#include "TestFiles.h"
 #include "pyenv/ArchiveExtractor.h"
 #include "pyenv/PythonEnvironmentManager.h"
 
 #include <QtTest>
 
-using Quorix::ArchiveExtractor;
-using Quorix::PlatformProfile;
-using Quorix::PythonEnvironmentManager;
-using Quorix::Testing::LocalHttpServer;
-using Quorix::Testing::PyenvTestBed;
+using namespace Quorix;
+using namespace Quorix::Testing;
 
 class UvBootstrapTest : public QObject
 {
@@ -19,70 +17,62 @@ class UvBootstrapTest : public QObject
 private slots:
     void initTestCase();
     void init();
-    void subFolderArchiveInstallsAndSecondCallSendsNothing();
-    void zipWithProgramAtRootInstalls();
-    void programTwoLevelsDownIsNotFound();
-    void httpFailureFallsBackToCurl();
-    void curlFailureReportsWhatCurlSaid();
-    void brokenArchiveLeavesNothingBehind();
+    void releaseArchivesInstallOrExplain_data();
+    void releaseArchivesInstallOrExplain();
     void hostileArchiveIsRefused_data();
     void hostileArchiveIsRefused();
     void missingToolGivesWayToTheNextMethod();
 
 private:
     QByteArray archive(const QString &kind, const QString &memberPath);
-    QList<QVariant> download();
+    QVariantList download();
     void verifyNoLeftovers();
 
-    Quorix::Testing::TemporaryHome home;
+    TemporaryHome home;
     QTemporaryDir work;
-    LocalHttpServer server;
+    RecordingHttpServer server;
     PythonEnvironmentManager *manager = nullptr;
 };
 
 void UvBootstrapTest::initTestCase()
 {
     QVERIFY2(!PyenvTestBed::uvProgram().isEmpty(), "uv must be on PATH (scripts/setup-python-tools)");
+    QVERIFY(server.listen());
     QDir().mkpath(work.filePath("tmp"));
     qputenv("TMPDIR", work.filePath("tmp").toUtf8());
-    qputenv("QUORIX_UV_DOWNLOAD_URL", server.url("/uv-x86_64-unknown-linux-gnu.tar.gz").toUtf8());
+    qputenv("QUORIX_UV_DOWNLOAD_URL", server.url("/uv-x86_64-unknown-linux-gnu.tar.gz").toString().toUtf8());
     manager = PythonEnvironmentManager::instance();
 }
 
 void UvBootstrapTest::init()
 {
     QDir(manager->baseFolder()).removeRecursively();
-    server.setFailures({});
+    server.reset();
 }
 
-// Packs the installed uv the way a release does: kind "tar" for a tar.gz, "zip" for a zip; memberPath is where the
-// program sits inside.
+// Packs the installed uv the way a release does, as a "tar" (tar.gz) or a "zip", with the program at memberPath.
 QByteArray UvBootstrapTest::archive(const QString &kind, const QString &memberPath)
 {
-    const QString staging = work.filePath("staging");
+    const QString staging = work.filePath("staging"), out = work.filePath("release." + kind);
     QDir(staging).removeRecursively();
-    const QString member = staging + "/" + memberPath;
-    QDir().mkpath(QFileInfo(member).path());
-    QFile::copy(PyenvTestBed::uvProgram(), member);
-    const QString out = work.filePath("release." + kind);
     QFile::remove(out);
+    QDir().mkpath(QFileInfo(staging + "/" + memberPath).path());
+    QFile::copy(PyenvTestBed::uvProgram(), staging + "/" + memberPath);
     const PyenvTestBed::Outcome packed
             = kind == "zip" ? PyenvTestBed::run("bash", {"-c", "cd \"$1\" && zip -qr \"$2\" .", "zip", staging, out})
                             : PyenvTestBed::run("tar", {"-czf", out, "-C", staging, "."});
     if (packed.exitCode != 0)
         qWarning() << packed.output;
-    QFile file(out);
-    file.open(QIODevice::ReadOnly);
-    return file.readAll();
+    return TestFiles::read(out);
 }
 
-QList<QVariant> UvBootstrapTest::download()
+QVariantList UvBootstrapTest::download()
 {
     QSignalSpy finished(manager, &PythonEnvironmentManager::uvDownloadFinished);
     manager->downloadUv();
     if (finished.isEmpty() && !finished.wait(60000))
         return {};
-    return finished.count() == 1 ? finished.takeFirst() : QList<QVariant>();
+    return finished.count() == 1 ? finished.takeFirst() : QVariantList();
 }
 
 void UvBootstrapTest::verifyNoLeftovers()
@@ -91,80 +81,62 @@ void UvBootstrapTest::verifyNoLeftovers()
     QVERIFY2(left.isEmpty(), qPrintable(left.join(", ")));
 }
 
-void UvBootstrapTest::subFolderArchiveInstallsAndSecondCallSendsNothing()
+void UvBootstrapTest::releaseArchivesInstallOrExplain_data()
 {
-    server.setBody(archive("tar", "uv-x86_64-unknown-linux-gnu/uv"));
-    const int requestsBefore = server.requests().size();
+    QTest::addColumn<QString>("kind"); // "tar", "zip", or "half" for a tar.gz cut in the middle
+    QTest::addColumn<QString>("memberPath");
+    QTest::addColumn<int>("failures"); // answers of 503 before the archive is served
+    QTest::addColumn<QString>("error"); // empty: installed; ending in a blank line: the start of the message
+
+    const QString subFolder = "uv-x86_64-unknown-linux-gnu/uv";
+    QTest::newRow("tar.gz with a sub folder") << "tar" << subFolder << 0 << "";
+    QTest::newRow("zip with the program at its root") << "zip"
+                                                      << "uv" << 0 << "";
+    QTest::newRow("program two levels down") << "tar"
+                                             << "release/bin/uv" << 0 << "Could not find uv in extracted archive";
+    QTest::newRow("failed request falls back to curl") << "tar" << subFolder << 1 << "";
+    QTest::newRow("curl fails as well") << "tar" << subFolder << 2
+                                        << "Download failed. Qt network error, and curl fallback also failed.\n\n";
+    QTest::newRow("broken archive") << "half" << subFolder << 0
+                                    << "Failed to extract UV archive.\n\nThe archive could not be unpacked.\n\nYou can "
+                                       "manually extract uv from the downloaded archive to:\n";
+}
+
+void UvBootstrapTest::releaseArchivesInstallOrExplain()
+{
+    QFETCH(QString, kind);
+    QFETCH(QString, memberPath);
+    QFETCH(int, failures);
+    QFETCH(QString, error);
+
+    const QByteArray packed = archive(kind == "half" ? "tar" : kind, memberPath);
+    server.setDefaultResponse(ScriptedResponse::bytes(kind == "half" ? packed.left(packed.size() / 2) : packed));
+    for (int i = 0; i < failures; ++i)
+        server.enqueue(ScriptedResponse::bytes("busy", "text/plain", 503));
     QSignalSpy progress(manager, &PythonEnvironmentManager::uvDownloadProgress);
-    QCOMPARE(download(), QList<QVariant>({true, QString()}));
-    QVERIFY(manager->isUvInstalled());
-    QVERIFY(PyenvTestBed::run(manager->uvPath(), {"--version"}).output.startsWith("uv "));
-    QVERIFY(!progress.isEmpty());
-    QCOMPARE(progress.last().at(0).toLongLong(), progress.last().at(1).toLongLong());
-    QCOMPARE(server.requests().size(), requestsBefore + 1);
+    const QVariantList result = download();
+    QCOMPARE(result.size(), 2);
+    QCOMPARE(manager->isUvInstalled(), error.isEmpty());
     verifyNoLeftovers();
-
-    QSignalSpy finished(manager, &PythonEnvironmentManager::uvDownloadFinished);
-    manager->downloadUv();
-    QCOMPARE(finished.count(), 1);
-    QCOMPARE(finished.first(), QList<QVariant>({true, QString()}));
+    QCOMPARE(server.requestCount(), qMin(failures + 1, 2));
+    QCOMPARE(server.lastRequest().requestLine, QByteArray("GET /uv-x86_64-unknown-linux-gnu.tar.gz HTTP/1.1"));
+    if (!error.isEmpty()) {
+        const QString message = result.at(1).toString();
+        QVERIFY2(error.endsWith("\n") ? message.startsWith(error) : message == error, qPrintable(message));
+        if (failures == 2)
+            QVERIFY2(message.contains("curl: ") && message.contains("503"), qPrintable(message));
+        if (kind == "half")
+            QCOMPARE(message, error + manager->uvPath());
+        return;
+    }
+    QCOMPARE(result, QVariantList({true, QString()}));
+    QVERIFY(PyenvTestBed::run(manager->uvPath(), {"--version"}).output.startsWith("uv "));
+    if (failures == 0)
+        QCOMPARE(progress.last().at(0).toLongLong(), qint64(packed.size()));
+    // Once installed, asking again answers at once without a request.
+    QCOMPARE(download(), QVariantList({true, QString()}));
     QTest::qWait(200);
-    QCOMPARE(server.requests().size(), requestsBefore + 1);
-}
-
-void UvBootstrapTest::zipWithProgramAtRootInstalls()
-{
-    server.setBody(archive("zip", "uv"));
-    QCOMPARE(download(), QList<QVariant>({true, QString()}));
-    QVERIFY(PyenvTestBed::run(manager->uvPath(), {"--version"}).output.startsWith("uv "));
-    verifyNoLeftovers();
-}
-
-void UvBootstrapTest::programTwoLevelsDownIsNotFound()
-{
-    server.setBody(archive("tar", "release/bin/uv"));
-    QCOMPARE(download(), QList<QVariant>({false, QString("Could not find uv in extracted archive")}));
-    QVERIFY(!manager->isUvInstalled());
-    verifyNoLeftovers();
-}
-
-void UvBootstrapTest::httpFailureFallsBackToCurl()
-{
-    server.setBody(archive("tar", "uv-x86_64-unknown-linux-gnu/uv"));
-    server.setFailures({503});
-    const int requestsBefore = server.requests().size();
-    QCOMPARE(download(), QList<QVariant>({true, QString()}));
-    QVERIFY(manager->isUvInstalled());
-    const QStringList requests = server.requests().mid(requestsBefore);
-    QCOMPARE(requests.size(), 2);
-    QCOMPARE(requests.at(1), QStringLiteral("GET /uv-x86_64-unknown-linux-gnu.tar.gz HTTP/1.1"));
-    verifyNoLeftovers();
-}
-
-void UvBootstrapTest::curlFailureReportsWhatCurlSaid()
-{
-    server.setBody(archive("tar", "uv-x86_64-unknown-linux-gnu/uv"));
-    server.setFailures({503, 503});
-    const QList<QVariant> result = download();
-    QCOMPARE(result.value(0).toBool(), false);
-    const QString error = result.value(1).toString();
-    QVERIFY2(error.startsWith("Download failed. Qt network error, and curl fallback also failed.\n\ncurl: "),
-             qPrintable(error));
-    QVERIFY2(error.contains("503"), qPrintable(error));
-    QVERIFY(!manager->isUvInstalled());
-    verifyNoLeftovers();
-}
-
-void UvBootstrapTest::brokenArchiveLeavesNothingBehind()
-{
-    const QByteArray whole = archive("tar", "uv-x86_64-unknown-linux-gnu/uv");
-    server.setBody(whole.left(whole.size() / 2));
-    QCOMPARE(download(),
-             QList<QVariant>({false, QString("Failed to extract UV archive.\n\nThe archive could not be unpacked.\n\n"
-                                             "You can manually extract uv from the downloaded archive to:\n")
-                                             + manager->uvPath()}));
-    QVERIFY(!manager->isUvInstalled());
-    verifyNoLeftovers();
+    QCOMPARE(server.requestCount(), failures + 1);
 }
 
 void UvBootstrapTest::hostileArchiveIsRefused_data()
@@ -192,35 +164,27 @@ void UvBootstrapTest::hostileArchiveIsRefused_data()
 void UvBootstrapTest::hostileArchiveIsRefused()
 {
     QFETCH(QString, script);
-    const QString outside = work.filePath("outside");
+    const QString outside = work.filePath("outside"), out = work.filePath("hostile.tar.gz");
     QDir().mkpath(outside);
-    const QString out = work.filePath("hostile.tar.gz");
     const PyenvTestBed::Outcome made
             = PyenvTestBed::run("python3", {"-c", script, out, outside, PyenvTestBed::uvProgram()});
     QVERIFY2(made.exitCode == 0, qPrintable(made.output));
-    QFile file(out);
-    QVERIFY(file.open(QIODevice::ReadOnly));
-    server.setBody(file.readAll());
+    server.setDefaultResponse(ScriptedResponse::bytes(TestFiles::read(out)));
 
-    const QList<QVariant> result = download();
+    const QVariantList result = download();
     QCOMPARE(result.value(0).toBool(), false);
     QVERIFY2(result.value(1).toString().startsWith("Failed to extract UV archive.\n\nThe archive holds entries"),
              qPrintable(result.value(1).toString()));
     QVERIFY(!manager->isUvInstalled());
-    QVERIFY(!QFileInfo::exists(outside + "/planted.txt"));
-    QVERIFY(!QFileInfo::exists(work.filePath("planted.txt")));
+    QVERIFY(!QFileInfo::exists(outside + "/planted.txt") && !QFileInfo::exists(work.filePath("planted.txt")));
     verifyNoLeftovers();
 }
 
 void UvBootstrapTest::missingToolGivesWayToTheNextMethod()
 {
     // The Windows order on this machine: a first tool that cannot even list the archive must not stop the second.
-    const QByteArray packed = archive("tar", "uv-x86_64-unknown-linux-gnu/uv");
-    const QString file = work.filePath("ordered.tar.gz");
-    QFile out(file);
-    QVERIFY(out.open(QIODevice::WriteOnly) && out.write(packed) == packed.size());
-    out.close();
-    const QString folder = work.filePath("ordered");
+    const QString file = work.filePath("ordered.tar.gz"), folder = work.filePath("ordered");
+    QVERIFY(TestFiles::write(file, archive("tar", "uv-x86_64-unknown-linux-gnu/uv")));
     const PlatformProfile::ExtractionMethod tar
             = PlatformProfile::linuxGnu().extractionMethods(file, folder, false).constFirst();
     const PlatformProfile::ExtractionMethod missing{

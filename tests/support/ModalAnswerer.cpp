@@ -50,36 +50,6 @@ void ModalAnswerer::chooseFile(const QString &path, int timeoutMilliseconds)
     arm(Action::File, timeoutMilliseconds);
 }
 
-bool ModalAnswerer::answered() const
-{
-    return isAnswered;
-}
-
-bool ModalAnswerer::timedOut() const
-{
-    return isTimedOut;
-}
-
-QString ModalAnswerer::seenTitle() const
-{
-    return title;
-}
-
-QString ModalAnswerer::seenText() const
-{
-    return text;
-}
-
-QString ModalAnswerer::seenInformativeText() const
-{
-    return informativeText;
-}
-
-QStringList ModalAnswerer::seenButtons() const
-{
-    return buttons;
-}
-
 bool ModalAnswerer::waitForAnswer(int timeoutMilliseconds)
 {
     const QDeadlineTimer deadline(timeoutMilliseconds);

@@ -24,14 +24,14 @@ public:
     // Selects the file in a QFileDialog and accepts it.
     void chooseFile(const QString &filePath, int timeoutMilliseconds = 5000);
 
-    bool answered() const;
-    bool timedOut() const;
+    bool answered() const { return isAnswered; }
+    bool timedOut() const { return isTimedOut; }
     // What the answered window showed; the texts are empty for windows that are not message boxes.
-    QString seenTitle() const;
-    QString seenText() const;
-    QString seenInformativeText() const;
+    QString seenTitle() const { return title; }
+    QString seenText() const { return text; }
+    QString seenInformativeText() const { return informativeText; }
     // The texts of the window's buttons, in the order the window lists them.
-    QStringList seenButtons() const;
+    QStringList seenButtons() const { return buttons; }
 
     // Spins the event loop until the window was answered or the timeout ran out.
     bool waitForAnswer(int timeoutMilliseconds = 5000);

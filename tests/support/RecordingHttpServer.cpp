@@ -1,5 +1,8 @@
 #include "RecordingHttpServer.h"
 
+#include <algorithm>
+
+#include <QHash>
 #include <QJsonDocument>
 #include <QPointer>
 #include <QTcpSocket>
@@ -12,36 +15,20 @@ namespace {
 
 QByteArray reasonPhrase(int status)
 {
-    switch (status) {
-    case 200:
-        return "OK";
-    case 201:
-        return "Created";
-    case 204:
-        return "No Content";
-    case 301:
-        return "Moved Permanently";
-    case 302:
-        return "Found";
-    case 307:
-        return "Temporary Redirect";
-    case 400:
-        return "Bad Request";
-    case 401:
-        return "Unauthorized";
-    case 403:
-        return "Forbidden";
-    case 404:
-        return "Not Found";
-    case 413:
-        return "Payload Too Large";
-    case 500:
-        return "Internal Server Error";
-    case 503:
-        return "Service Unavailable";
-    default:
-        return "Status";
-    }
+    static const QHash<int, QByteArray> phrases{{200, "OK"},
+                                                {201, "Created"},
+                                                {204, "No Content"},
+                                                {301, "Moved Permanently"},
+                                                {302, "Found"},
+                                                {307, "Temporary Redirect"},
+                                                {400, "Bad Request"},
+                                                {401, "Unauthorized"},
+                                                {403, "Forbidden"},
+                                                {404, "Not Found"},
+                                                {413, "Payload Too Large"},
+                                                {500, "Internal Server Error"},
+                                                {503, "Service Unavailable"}};
+    return phrases.value(status, "Status");
 }
 
 bool sameName(const QByteArray &left, const QByteArray &right)
@@ -107,24 +94,13 @@ QUrlQuery RecordedRequest::query() const
 
 bool RecordedRequest::hasHeader(const QByteArray &name) const
 {
-    for (const auto &header : headers) {
-        if (sameName(header.first, name))
-            return true;
-    }
-    return false;
+    return std::any_of(headers.cbegin(), headers.cend(),
+                       [&name](const auto &header) { return sameName(header.first, name); });
 }
 
 QByteArray RecordedRequest::header(const QByteArray &name) const
 {
     return headerValue(headers, name);
-}
-
-QList<QByteArray> RecordedRequest::headerNames() const
-{
-    QList<QByteArray> names;
-    for (const auto &header : headers)
-        names.append(header.first);
-    return names;
 }
 
 ScriptedResponse ScriptedResponse::json(const QJsonObject &object, int status)
@@ -316,17 +292,6 @@ bool RecordingHttpServer::waitForRequests(int count, int timeoutMs) const
     return QTest::qWaitFor([this, count] { return recorded.size() >= count; }, timeoutMs);
 }
 
-quint16 RecordingHttpServer::refusedPort()
-{
-    // The kernel hands out a port that was just free; once closed, nothing listens there.
-    QTcpServer probe;
-    if (!probe.listen(QHostAddress::LocalHost, 0))
-        return 0;
-    const quint16 port = probe.serverPort();
-    probe.close();
-    return port;
-}
-
 void RecordingHttpServer::onNewConnection()
 {
     while (QTcpSocket *socket = server.nextPendingConnection()) {
@@ -350,7 +315,6 @@ void RecordingHttpServer::onSocketReadyRead(QTcpSocket *socket)
     while (takeRequest(connection->buffer, request)) {
         recorded.append(request);
         const ScriptedResponse response = responseFor(request);
-        emit requestReceived(int(recorded.size() - 1));
         answer(socket, response);
         connection = connections.find(socket);
         if (connection == connections.end())

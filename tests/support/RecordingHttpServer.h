@@ -31,7 +31,6 @@ struct RecordedRequest
     QUrlQuery query() const;
     bool hasHeader(const QByteArray &name) const; // names compare case-insensitively
     QByteArray header(const QByteArray &name) const; // first value, empty when absent
-    QList<QByteArray> headerNames() const;
 };
 
 // One scripted answer. Built with the factories and refined with the with... calls, e.g.
@@ -112,12 +111,6 @@ public:
     RecordedRequest lastRequest() const;
     // Spins the event loop until at least count requests have arrived or timeoutMs has passed.
     bool waitForRequests(int count, int timeoutMs = 5000) const;
-
-    // A port on 127.0.0.1 that nothing listens on: connecting to it is refused.
-    static quint16 refusedPort();
-
-signals:
-    void requestReceived(int index);
 
 private slots:
     void onNewConnection();

@@ -51,16 +51,58 @@ const QHash<QString, QString> explanations = {
 
 } // namespace
 
-class OutputClassificationTest : public QObject
+// The manager's pure rules: which names and package arguments it accepts, and how it explains a tool's output.
+class EnvironmentRulesTest : public QObject
 {
     Q_OBJECT
 
 private slots:
+    void environmentNameCheck_data();
+    void environmentNameCheck();
+    void packageArgumentCheck_data();
+    void packageArgumentCheck();
     void outputGetsItsGroupsWholeExplanation_data();
     void outputGetsItsGroupsWholeExplanation();
 };
 
-void OutputClassificationTest::outputGetsItsGroupsWholeExplanation_data()
+void EnvironmentRulesTest::environmentNameCheck_data()
+{
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<bool>("accepted");
+    for (const char *name : {"vision", "cuda-12.1", "My Env", "a..b", ".cache", "café", "console"})
+        QTest::newRow(name) << QString::fromUtf8(name) << true;
+    for (const QString &name : {QString(), QString("."), QString(".."), QString("..."), QString("a/b"),
+                                QString("../python"), QString("a\\b"), QString("c:env"), QString("env:stream"),
+                                QString("env\nname"), QString("env") + QChar(0), QString("env") + QChar(0x7f),
+                                QString("NUL"), QString("con"), QString("aux.txt"), QString("COM7"), QString("lpt1")})
+        QTest::addRow("refused %s", name.toUtf8().toPercentEncoding().constData()) << name << false;
+}
+
+void EnvironmentRulesTest::environmentNameCheck()
+{
+    QFETCH(QString, name);
+    QFETCH(bool, accepted);
+    QCOMPARE(PythonEnvironmentManager::isValidEnvironmentName(name), accepted);
+}
+
+void EnvironmentRulesTest::packageArgumentCheck_data()
+{
+    QTest::addColumn<QString>("spec");
+    QTest::addColumn<bool>("accepted");
+    for (const char *spec : {"numpy", "numpy>=1.20,<2.0", "numpy; rm -rf ~"})
+        QTest::newRow(spec) << QString(spec) << true;
+    for (const char *spec : {"--index-url=http://127.0.0.1:1/evil", "-e .", "-r", "  "})
+        QTest::newRow(spec) << QString(spec) << false;
+}
+
+void EnvironmentRulesTest::packageArgumentCheck()
+{
+    QFETCH(QString, spec);
+    QFETCH(bool, accepted);
+    QCOMPARE(PythonEnvironmentManager::isPackageArgument(spec), accepted);
+}
+
+void EnvironmentRulesTest::outputGetsItsGroupsWholeExplanation_data()
 {
     QTest::addColumn<QString>("output");
     QTest::addColumn<QString>("group"); // empty: passed through trimmed
@@ -94,7 +136,7 @@ void OutputClassificationTest::outputGetsItsGroupsWholeExplanation_data()
                                   << "";
 }
 
-void OutputClassificationTest::outputGetsItsGroupsWholeExplanation()
+void EnvironmentRulesTest::outputGetsItsGroupsWholeExplanation()
 {
     QFETCH(QString, output);
     QFETCH(QString, group);
@@ -102,5 +144,5 @@ void OutputClassificationTest::outputGetsItsGroupsWholeExplanation()
     QCOMPARE(PythonEnvironmentManager::classifyOutput(output), expected);
 }
 
-QTEST_GUILESS_MAIN(OutputClassificationTest)
-#include "tst_outputclassification.moc"
+QTEST_GUILESS_MAIN(EnvironmentRulesTest)
+#include "tst_environmentrules.moc"
