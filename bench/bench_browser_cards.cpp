@@ -157,13 +157,14 @@ QString millisecondsToFirstCards(const QString &program)
         environment.insert(QStringLiteral("QUORIX_REPORT_FIRST_CARDS"), QStringLiteral("1"));
         environment.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
         shell.setProcessEnvironment(environment);
+        shell.setProcessChannelMode(QProcess::MergedChannels);
         const qint64 started = QDateTime::currentMSecsSinceEpoch();
         shell.start(program, {QStringLiteral("--demo")});
         qint64 painted = 0;
         QByteArray output;
         QDeadlineTimer deadline(30000);
         while (painted == 0 && !deadline.hasExpired() && shell.waitForReadyRead(int(deadline.remainingTime()))) {
-            output += shell.readAllStandardError();
+            output += shell.readAll();
             const qsizetype at = output.indexOf("first cards painted at ");
             const qsizetype end = output.indexOf('\n', at);
             if (at >= 0 && end > at)
