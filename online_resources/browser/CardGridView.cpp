@@ -129,6 +129,14 @@ void CardGridView::onItemsReset()
     for (int index : bound.keys())
         release(index);
     reflow();
+    // A new list keeps the cards it reuses; cards of the previous list it has no place for go.
+    for (QList<ResourceCard *> &waiting : pool) {
+        for (ResourceCard *card : std::as_const(waiting)) {
+            kinds.remove(card);
+            card->deleteLater();
+        }
+        waiting.clear();
+    }
 }
 
 void CardGridView::onItemsAppended()
