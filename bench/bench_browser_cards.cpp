@@ -1,22 +1,28 @@
-// Prints how long the catalogue page takes to add a page of cards and to reflow a large grid, and what a card
-// costs in resident memory. Run from a build tree: bin/bench_browser_cards
+// Prints what the catalogue grid costs: adding a page, reflowing and scrolling with many items loaded, resident
+// memory per loaded item, and how long `quorix-shell --demo` takes to paint its first cards.
+// Run from a build tree: bin/bench_browser_cards
 #include "RecordingHttpServer.h"
 #include "TemporaryHome.h"
 
 #include "api/OnlineResourcesAPI.h"
 #include "browser/OnlineResourcesWidget.h"
-#include "browser/ScriptCard.h"
 
 #include <QApplication>
 #include <QBuffer>
+#include <QDateTime>
+#include <QDeadlineTimer>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QImage>
 #include <QJsonArray>
-#include <QLayout>
 #include <QProcess>
+#include <QProcessEnvironment>
+#include <QScrollArea>
+#include <QScrollBar>
 #include <QTest>
 #include <QTextStream>
+
+#include <algorithm>
 
 #include <unistd.h>
 
@@ -74,34 +80,107 @@ void loadPages(OnlineResourcesWidget &widget, int pages, const QString &thumbnai
     QCoreApplication::processEvents();
 }
 
-double millisecondsToAddOnePage(OnlineResourcesWidget &widget)
+// Layout requests and moves are delivered as posted events; a frame is done once they are.
+void settle()
+{
+    QCoreApplication::sendPostedEvents();
+}
+
+QScrollBar *scrollBar(OnlineResourcesWidget &widget)
+{
+    return widget.findChild<QScrollArea *>()->verticalScrollBar();
+}
+
+// The second page arriving while the reader is at the top, or at the bottom where the new rows come into view.
+double millisecondsToAddOnePage(OnlineResourcesWidget &widget, bool atBottom)
 {
     constexpr int rounds = 20;
     double total = 0;
     for (int round = 0; round < rounds; ++round) {
         deliver(widget, page(1, 2, QString()));
+        settle();
+        if (atBottom)
+            scrollBar(widget)->setValue(scrollBar(widget)->maximum());
+        settle();
         QElapsedTimer timer;
         timer.start();
         deliver(widget, page(2, 2, QString()));
-        widget.findChild<ScriptCard *>()->parentWidget()->layout()->activate();
+        settle();
         total += timer.nsecsElapsed() / 1e6;
     }
+    // Reaching the bottom asked the server for more; its answers must not land in later measurements.
+    QTest::qWait(1000);
     return total / rounds;
 }
 
-double millisecondsToReflow(OnlineResourcesWidget &widget, int cards)
+double millisecondsToReflow(OnlineResourcesWidget &widget, int items)
 {
-    loadPages(widget, cards / pageSize, QString());
-    QLayout *grid = widget.findChild<ScriptCard *>()->parentWidget()->layout();
-    grid->activate();
+    loadPages(widget, items / pageSize, QString());
+    settle();
     QElapsedTimer timer;
     timer.start();
     QMetaObject::invokeMethod(&widget, "updateCardLayout");
-    grid->activate();
+    settle();
     return timer.nsecsElapsed() / 1e6;
 }
 
-double kilobytesPerCard(OnlineResourcesWidget &widget, const QString &thumbnail, int cards)
+// From the first to the last of 2,400 items in 100 equal steps; a frame is the scroll, the grid's response and
+// the repaint of the viewport.
+double worstScrollFrameMilliseconds(OnlineResourcesWidget &widget)
+{
+    loadPages(widget, 2400 / pageSize, QString());
+    settle();
+    QScrollBar *bar = scrollBar(widget);
+    QWidget *viewport = widget.findChild<QScrollArea *>()->viewport();
+    bar->setValue(0);
+    settle();
+    viewport->repaint();
+    double worst = 0;
+    for (int step = 1; step <= 100; ++step) {
+        QElapsedTimer timer;
+        timer.start();
+        bar->setValue(bar->maximum() * step / 100);
+        settle();
+        viewport->repaint();
+        worst = std::max(worst, timer.nsecsElapsed() / 1e6);
+    }
+    return worst;
+}
+
+// quorix-shell prints the time its grid first painted cards when QUORIX_REPORT_FIRST_CARDS is set.
+QString millisecondsToFirstCards(const QString &program)
+{
+    QList<qint64> runs;
+    for (int run = 0; run < 3; ++run) {
+        QProcess shell;
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert(QStringLiteral("QUORIX_REPORT_FIRST_CARDS"), QStringLiteral("1"));
+        environment.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("offscreen"));
+        shell.setProcessEnvironment(environment);
+        shell.setProcessChannelMode(QProcess::MergedChannels);
+        const qint64 started = QDateTime::currentMSecsSinceEpoch();
+        shell.start(program, {QStringLiteral("--demo")});
+        qint64 painted = 0;
+        QByteArray output;
+        QDeadlineTimer deadline(30000);
+        while (painted == 0 && !deadline.hasExpired() && shell.waitForReadyRead(int(deadline.remainingTime()))) {
+            output += shell.readAll();
+            const qsizetype at = output.indexOf("first cards painted at ");
+            const qsizetype end = output.indexOf('\n', at);
+            if (at >= 0 && end > at)
+                painted = output.mid(at + 23, end - at - 23).trimmed().toLongLong();
+        }
+        shell.kill();
+        shell.waitForFinished();
+        if (painted == 0)
+            return QStringLiteral("n/a");
+        runs.append(painted - started);
+    }
+    std::sort(runs.begin(), runs.end());
+    return QStringLiteral("%1 ms (runs %2, %3, %4)").arg(runs.at(1)).arg(runs.at(0)).arg(runs.at(1)).arg(runs.at(2));
+}
+
+double kilobytesPerItem(OnlineResourcesWidget &widget, const QString &thumbnail, int cards)
 {
     deliver(widget, page(1, 1, QString()));
     QTest::qWait(200);
@@ -155,23 +234,35 @@ int main(int argc, char **argv)
     if (memoryFlag > 0 && memoryFlag + 1 < app.arguments().size()) {
         const bool withThumbnail = app.arguments().at(memoryFlag + 1) == QLatin1String("thumbnail");
         const double kilobytes
-                = withThumbnail ? kilobytesPerCard(widget, server.url(QStringLiteral("/thumb.png")).toString(), 480)
-                                : kilobytesPerCard(widget, QString(), 2400);
+                = withThumbnail ? kilobytesPerItem(widget, server.url(QStringLiteral("/thumb.png")).toString(), 480)
+                                : kilobytesPerItem(widget, QString(), 2400);
         QTextStream(stdout) << QString::number(kilobytes, 'f', 1) << '\n';
         return 0;
     }
 
+    // Another build's shell can be measured with --shell PATH.
+    const int shellFlag = app.arguments().indexOf(QStringLiteral("--shell"));
+    const QString shellProgram = shellFlag > 0 && shellFlag + 1 < app.arguments().size()
+                                         ? app.arguments().at(shellFlag + 1)
+                                         : QStringLiteral(QUORIX_SHELL_PROGRAM);
     QTextStream out(stdout);
     out << "| measurement | value |\n|---|---|\n";
-    out << QStringLiteral("| add one page of 24 cards (mean of 20) | %1 ms |\n")
-                    .arg(millisecondsToAddOnePage(widget), 0, 'f', 2);
-    for (const int cards : {240, 1200, 2400})
-        out << QStringLiteral("| full reflow, %1 cards, 6 columns | %2 ms |\n")
-                        .arg(cards)
-                        .arg(millisecondsToReflow(widget, cards), 0, 'f', 2);
-    out << QStringLiteral("| resident memory per card, no thumbnail (2,400 cards) | %1 KiB |\n")
+    out << QStringLiteral("| add one page of 24 items at the top (mean of 20) | %1 ms |\n")
+                    .arg(millisecondsToAddOnePage(widget, false), 0, 'f', 2);
+    out << QStringLiteral("| add one page of 24 items at the bottom (mean of 20) | %1 ms |\n")
+                    .arg(millisecondsToAddOnePage(widget, true), 0, 'f', 2);
+    for (const int items : {240, 1200, 2400})
+        out << QStringLiteral("| full reflow, %1 items loaded, 6 columns | %2 ms |\n")
+                        .arg(items)
+                        .arg(millisecondsToReflow(widget, items), 0, 'f', 2);
+    out << QStringLiteral("| worst frame scrolling through 2,400 items in 100 steps | %1 ms |\n")
+                    .arg(worstScrollFrameMilliseconds(widget), 0, 'f', 2);
+    out.flush();
+    out << QStringLiteral("| resident memory per loaded item, no thumbnail (2,400 items) | %1 KiB |\n")
                     .arg(memoryInFreshProcess(QStringLiteral("plain")));
-    out << QStringLiteral("| resident memory per card, fetched thumbnail (480 cards) | %1 KiB |\n")
+    out << QStringLiteral("| resident memory per loaded item, fetched thumbnail (480 items) | %1 KiB |\n")
                     .arg(memoryInFreshProcess(QStringLiteral("thumbnail")));
+    out << QStringLiteral("| quorix-shell --demo start to first cards painted (median of 3) | %1 |\n")
+                    .arg(millisecondsToFirstCards(shellProgram));
     return 0;
 }

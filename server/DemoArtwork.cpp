@@ -1,11 +1,17 @@
 #include "DemoArtwork.h"
 
 #include <QBuffer>
+#include <QCryptographicHash>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
 #include <QFont>
 #include <QLinearGradient>
 #include <QPainter>
 #include <QPainterPath>
 #include <QRandomGenerator>
+#include <QSaveFile>
+#include <QStandardPaths>
 #include <QtMath>
 
 namespace Quorix {
@@ -14,6 +20,36 @@ namespace {
 
 constexpr int width = 1100;
 constexpr int height = 560;
+// Part of every cache name: a change to the drawing must not show pictures of the previous one.
+constexpr char drawingVersion[] = "1";
+
+QString cachedPath(const QString &title, const QString &kind, quint32 seed, const char *variant)
+{
+    const QByteArray key = QStringLiteral("%1|%2|%3|%4|%5")
+                                   .arg(QLatin1String(drawingVersion), title, kind)
+                                   .arg(seed)
+                                   .arg(QLatin1String(variant))
+                                   .toUtf8();
+    const QString folder = QStandardPaths::writableLocation(QStandardPaths::GenericCacheLocation)
+                           + QStringLiteral("/quorix-demo-artwork/");
+    return folder + QString::fromLatin1(QCryptographicHash::hash(key, QCryptographicHash::Sha1).toHex())
+           + QStringLiteral(".png");
+}
+
+QByteArray readCached(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+// A picture that cannot be kept is drawn again next time; the demo does not depend on the cache.
+void keepCached(const QString &path, const QByteArray &bytes)
+{
+    QDir().mkpath(QFileInfo(path).path());
+    QSaveFile file(path);
+    if (file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size())
+        file.commit();
+}
 
 void drawKindMotif(QPainter &painter, const QString &kind, QRandomGenerator &random)
 {
@@ -104,6 +140,20 @@ QImage DemoArtwork::header(const QString &title, const QString &kind, quint32 se
     painter.drawText(QRectF(64, 60, 600, 40), Qt::AlignLeft | Qt::AlignVCenter, kind.toUpper());
     painter.end();
     return image;
+}
+
+DemoArtwork::Pictures DemoArtwork::pictures(const QString &title, const QString &kind, quint32 seed)
+{
+    const QString headerPath = cachedPath(title, kind, seed, "header");
+    const QString thumbnailPath = cachedPath(title, kind, seed, "thumbnail");
+    Pictures cached{readCached(headerPath), readCached(thumbnailPath)};
+    if (!cached.header.isEmpty() && !cached.thumbnail.isEmpty())
+        return cached;
+    const QImage image = header(title, kind, seed);
+    const Pictures drawn{png(image), png(image.scaled(560, 286, Qt::IgnoreAspectRatio, Qt::SmoothTransformation))};
+    keepCached(headerPath, drawn.header);
+    keepCached(thumbnailPath, drawn.thumbnail);
+    return drawn;
 }
 
 QByteArray DemoArtwork::png(const QImage &image)

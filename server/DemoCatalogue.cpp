@@ -309,12 +309,10 @@ bool DemoCatalogue::seedIfEmpty(QString *error)
     for (int i = 0; i < writes.size(); ++i) {
         CatalogueDatabase::ResourceWrite &write = writes[i];
         write.fileSize = contents.at(i).size();
-        const QImage header = DemoArtwork::header(write.name, write.subtype, random.generate());
+        const DemoArtwork::Pictures pictures = DemoArtwork::pictures(write.name, write.subtype, random.generate());
         if (!files.stage(files.resourceFile(write.id), contents.at(i))
-            || !files.stage(files.headerImage(write.id), DemoArtwork::png(header))
-            || !files.stage(
-                    files.thumbnailImage(write.id),
-                    DemoArtwork::png(header.scaled(560, 286, Qt::IgnoreAspectRatio, Qt::SmoothTransformation)))) {
+            || !files.stage(files.headerImage(write.id), pictures.header)
+            || !files.stage(files.thumbnailImage(write.id), pictures.thumbnail)) {
             *error = files.errorString();
             return false;
         }

@@ -1,15 +1,9 @@
 #include "CardThumbnail.h"
 
+#include "ThumbnailCache.h"
+
 #include <QGuiApplication>
-#include <QImage>
-#include <QNetworkAccessManager>
-#include <QNetworkReply>
-#include <QNetworkRequest>
-#include <QPainter>
-#include <QPainterPath>
-#include <QPixmap>
 #include <QScreen>
-#include <QUrl>
 
 namespace Quorix {
 
@@ -17,7 +11,6 @@ namespace {
 
 const QString pageGlyph = QStringLiteral("\U0001F4C4");
 const QString hourglassGlyph = QStringLiteral("\u23F3");
-constexpr qreal cornerRadius = 15;
 
 qreal primaryScreenRatio()
 {
@@ -27,7 +20,7 @@ qreal primaryScreenRatio()
 
 } // namespace
 
-CardThumbnail::CardThumbnail(const QString &address, const QSize &size, QWidget *card)
+CardThumbnail::CardThumbnail(const QSize &size, QWidget *card)
     : QLabel(card)
 {
     setObjectName(QStringLiteral("cardThumbnail"));
@@ -36,48 +29,36 @@ CardThumbnail::CardThumbnail(const QString &address, const QSize &size, QWidget 
     QFont glyphFont = font();
     glyphFont.setPointSize(36);
     setFont(glyphFont);
-
-    if (address.isEmpty()) {
-        showPlaceholder();
-        return;
-    }
-    setText(hourglassGlyph);
-    auto *network = new QNetworkAccessManager(card);
-    QNetworkReply *reply = network->get(QNetworkRequest(QUrl(address)));
-    connect(reply, &QNetworkReply::finished, this, [this, reply] {
-        reply->deleteLater();
-        if (reply->error() == QNetworkReply::NoError)
-            showImage(reply->readAll());
-        else
+    const ThumbnailCache *cache = ThumbnailCache::instance();
+    connect(cache, &ThumbnailCache::arrived, this, [this](const QString &arrived) {
+        if (arrived == address)
+            showCached();
+    });
+    connect(cache, &ThumbnailCache::failed, this, [this](const QString &failed) {
+        if (failed == address)
             showPlaceholder();
     });
 }
 
-void CardThumbnail::showImage(const QByteArray &bytes)
+void CardThumbnail::showPicture(const QString &pictureAddress)
 {
-    QImage image;
-    if (!image.loadFromData(bytes)) {
+    address = pictureAddress;
+    if (address.isEmpty()) {
         showPlaceholder();
         return;
     }
-    const qreal ratio = primaryScreenRatio();
-    const QSize target(int(width() * ratio), int(height() * ratio));
-    QImage scaled = image.scaled(target, Qt::KeepAspectRatioByExpanding, Qt::SmoothTransformation);
-    if (scaled.width() > target.width() || scaled.height() > target.height())
-        scaled = scaled.copy((scaled.width() - target.width()) / 2, (scaled.height() - target.height()) / 2,
-                             target.width(), target.height());
-    // The image gets the same rounded corners as the coloured placeholder area it replaces.
-    QPixmap pixmap(target);
-    pixmap.fill(Qt::transparent);
-    QPainter painter(&pixmap);
-    painter.setRenderHint(QPainter::Antialiasing);
-    QPainterPath corners;
-    corners.addRoundedRect(QRectF(QPointF(0, 0), QSizeF(target)), cornerRadius * ratio, cornerRadius * ratio);
-    painter.setClipPath(corners);
-    painter.drawImage(0, 0, scaled);
-    painter.end();
-    pixmap.setDevicePixelRatio(ratio);
-    setPixmap(pixmap);
+    ThumbnailCache *cache = ThumbnailCache::instance();
+    if (!cache->find(address, size(), primaryScreenRatio()).isNull()) {
+        showCached();
+        return;
+    }
+    setText(hourglassGlyph);
+    cache->request(address, size(), primaryScreenRatio());
+}
+
+void CardThumbnail::showCached()
+{
+    setPixmap(ThumbnailCache::instance()->find(address, size(), primaryScreenRatio()));
 }
 
 void CardThumbnail::showPlaceholder()

@@ -12,12 +12,16 @@ class CardThumbnail : public QLabel
     Q_OBJECT
 
 public:
-    // The fetch goes through a network access manager owned by `card`, so it dies with the card.
-    CardThumbnail(const QString &address, const QSize &size, QWidget *card);
+    CardThumbnail(const QSize &size, QWidget *card);
+
+    // Shows the picture at `address` (an empty address has none), fetched through the process's thumbnail cache.
+    void showPicture(const QString &address);
 
 private:
-    void showImage(const QByteArray &bytes);
+    void showCached();
     void showPlaceholder();
+
+    QString address;
 };
 
 } // namespace Quorix

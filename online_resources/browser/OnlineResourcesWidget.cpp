@@ -1,5 +1,7 @@
 #include "OnlineResourcesWidget.h"
 
+#include "CardGridModel.h"
+#include "CardGridView.h"
 #include "DetailsDialogs.h"
 #include "EnvironmentInstallFlow.h"
 #include "OnnxCard.h"
@@ -21,9 +23,7 @@
 #include <ThemedToolButton.h>
 
 #include <QComboBox>
-#include <QGridLayout>
 #include <QHBoxLayout>
-#include <QHash>
 #include <QLabel>
 #include <QLineEdit>
 #include <QMessageBox>
@@ -39,9 +39,6 @@ namespace Quorix {
 namespace {
 
 constexpr int pageSize = 24;
-constexpr int cardWidth = 280;
-constexpr int gridSpacing = 15;
-constexpr int maximumColumns = 6;
 constexpr int scrollThreshold = 100;
 constexpr int safetyTimeoutMilliseconds = 5000;
 
@@ -53,15 +50,6 @@ const QString cannotConnect()
     return OnlineResourcesWidget::tr("Cannot connect to server");
 }
 
-QJsonObject itemWithId(const QJsonArray &items, const QString &id)
-{
-    for (const QJsonValue &item : items) {
-        if (item.toObject().value(QLatin1String("id")).toString() == id)
-            return item.toObject();
-    }
-    return {};
-}
-
 } // namespace
 
 OnlineResourcesWidget::OnlineResourcesWidget(OnlineResourcesPlugin *, QWidget *parent)
@@ -71,6 +59,7 @@ OnlineResourcesWidget::OnlineResourcesWidget(OnlineResourcesPlugin *, QWidget *p
               this, apiClient, [this] { return pluginHost.data(); }, [this] { return settings; }))
     , weightsDownloads(new WeightsDownloadFlow(this, apiClient))
     , environmentInstalls(new EnvironmentInstallFlow(this, apiClient))
+    , loadedItems(new CardGridModel(this))
     , publishFlow(new PublishFlow(apiClient, this))
 {
     connect(scriptDownloads, &ScriptDownloadFlow::scriptSaved, this, &OnlineResourcesWidget::scriptDownloaded);
@@ -146,11 +135,10 @@ void OnlineResourcesWidget::buildLayout()
     scrollArea->setWidgetResizable(true);
     scrollArea->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
     scrollArea->setVerticalScrollBarPolicy(Qt::ScrollBarAsNeeded);
-    gridContainer = new QWidget(scrollArea);
-    cardGrid = new QGridLayout(gridContainer);
-    cardGrid->setSpacing(gridSpacing);
-    cardGrid->setContentsMargins(10, 10, 10, 10);
-    scrollArea->setWidget(gridContainer);
+    grid = new CardGridView(
+            loadedItems, scrollArea,
+            [this](const QJsonObject &item, QWidget *parent) { return createCard(item, parent); },
+            [this](ResourceCard *card) { prepareCard(card); });
     stack->addWidget(scrollArea);
 
     loadingIndicator = new QLabel(QStringLiteral("\u25CF\u25CF\u25CF"), stack);
@@ -245,7 +233,7 @@ void OnlineResourcesWidget::checkAuthentication()
     const bool wasAuthenticated = isAuthenticated;
     const QString previousDiscordId = lastDiscordId;
     const auto resetForNewUser = [this] {
-        likedScriptIds.clear();
+        loadedItems->setLikedIds({});
         resetPaging();
         isLoadingMore = false;
         clearGrid();
@@ -281,7 +269,7 @@ void OnlineResourcesWidget::checkAuthentication()
         apiClient->claimPendingAuthorizations();
     // The page comes back showing the kind the user chose; reloading the script list in another mode would clear
     // the grid and then ignore the reply.
-    if (wasAuthenticated != isAuthenticated || idChanged || cardCount() == 0) {
+    if (wasAuthenticated != isAuthenticated || idChanged || !grid->isShowingItems()) {
         resetPaging();
         isLoadingMore = false;
         loadFirstPage();
@@ -386,14 +374,11 @@ void OnlineResourcesWidget::onCardDownloadClicked(const QString &scriptId)
 void OnlineResourcesWidget::acceptPage(const QJsonArray &items)
 {
     if (currentPage == 1) {
-        allItems = items;
-        clearGrid();
+        loadedItems->replace(items);
         scrollArea->verticalScrollBar()->setValue(0);
     } else {
-        for (const QJsonValue &item : items)
-            allItems.append(item);
+        loadedItems->append(items);
     }
-    addCards(items);
 }
 
 void OnlineResourcesWidget::onScriptsLoaded(const QJsonObject &response)
@@ -424,7 +409,7 @@ void OnlineResourcesWidget::onScriptsLoaded(const QJsonObject &response)
 void OnlineResourcesWidget::onScriptDetailsLoaded(const QJsonObject &details)
 {
     detailsDialogs->showDetails(DetailsDialogs::Kind::Script, details,
-                                likedScriptIds.contains(details.value(QLatin1String("id")).toVariant().toString()));
+                                loadedItems->isLiked(details.value(QLatin1String("id")).toVariant().toString()));
 }
 
 // A deleted resource may be on any page of the grid, which shows every kind outside the QENV and ONNX modes.
@@ -436,24 +421,13 @@ void OnlineResourcesWidget::onScriptDeleted(const QString &)
 
 void OnlineResourcesWidget::onScriptLikeToggled(const QString &scriptId, bool liked, int likeCount)
 {
-    rememberLike(scriptId, liked);
+    loadedItems->setLikeState(scriptId, liked, likeCount);
     detailsDialogs->showLikeState(DetailsDialogs::Kind::Script, scriptId, liked, likeCount);
-    for (ScriptCard *card : std::as_const(scriptCards)) {
-        if (card->scriptId() != scriptId)
-            continue;
-        card->setLiked(liked);
-        card->setLikeCount(likeCount);
-        card->updateLikeButton();
-    }
 }
 
 void OnlineResourcesWidget::onUserLikedScriptsLoaded(const QStringList &scriptIds)
 {
-    likedScriptIds = scriptIds;
-    for (ScriptCard *card : std::as_const(scriptCards)) {
-        card->setLiked(likedScriptIds.contains(card->scriptId()));
-        card->updateLikeButton();
-    }
+    loadedItems->setLikedIds(scriptIds);
 }
 
 void OnlineResourcesWidget::onUploadCompleted(const QString &)
@@ -476,7 +450,7 @@ void OnlineResourcesWidget::onNetworkError(const QString &error)
     }
     if (error.contains(QLatin1String("Delete failed"), Qt::CaseInsensitive)) {
         QMessageBox::critical(this, tr("Delete Failed"), error, QMessageBox::Ok);
-    } else if (scriptCards.isEmpty()) {
+    } else if (!showsScriptCards()) {
         showGridMessage(error.contains(QLatin1String("Network error"), Qt::CaseInsensitive)
                                 ? cannotConnect()
                                 : tr("Error: %1").arg(error));
@@ -512,44 +486,7 @@ void OnlineResourcesWidget::onScrolledToBottom()
 
 void OnlineResourcesWidget::updateCardLayout()
 {
-    const int columns = calculateColumns();
-    QList<QWidget *> ordered;
-    if (mode() == Mode::Environments) {
-        for (QenvCard *card : std::as_const(qenvCards)) {
-            if (card) {
-                cardGrid->removeWidget(card);
-                ordered.append(card);
-            }
-        }
-    } else if (mode() == Mode::Weights) {
-        for (OnnxCard *card : std::as_const(onnxCards)) {
-            if (card) {
-                cardGrid->removeWidget(card);
-                ordered.append(card);
-            }
-        }
-    } else {
-        QHash<QString, QWidget *> byId;
-        const auto collect = [this, &byId](const auto &cards) {
-            for (ResourceCard *card : cards) {
-                cardGrid->removeWidget(card);
-                byId.insert(card->resourceId(), card);
-            }
-        };
-        collect(scriptCards);
-        collect(qenvCards);
-        collect(onnxCards);
-        for (const QJsonValue &item : std::as_const(allItems)) {
-            if (QWidget *card = byId.value(item.toObject().value(QLatin1String("id")).toString()))
-                ordered.append(card);
-        }
-    }
-    int position = 0;
-    for (QWidget *card : std::as_const(ordered)) {
-        cardGrid->addWidget(card, position / columns, position % columns);
-        ++position;
-    }
-    stretchAfter(ordered.isEmpty() ? -1 : (position - 1) / columns, columns);
+    grid->reflow();
 }
 
 void OnlineResourcesWidget::onScriptDownloaded(const QString &tempFilePath)
@@ -564,13 +501,8 @@ void OnlineResourcesWidget::onDownloadProgress(qint64 bytesReceived, qint64 byte
 
 void OnlineResourcesWidget::showAuthorizationManagement(const QString &scriptId)
 {
-    QString name = tr("Unknown Script");
-    for (const QJsonValue &item : std::as_const(allItems)) {
-        if (item.toObject().value(QLatin1String("id")).toString() == scriptId) {
-            name = item.toObject().value(QLatin1String("name")).toString();
-            break;
-        }
-    }
+    const QJsonObject item = loadedItems->itemWithId(scriptId);
+    const QString name = item.isEmpty() ? tr("Unknown Script") : item.value(QLatin1String("name")).toString();
     auto *dialog = new AuthorizationManagementDialog(apiClient, scriptId, name, this);
     dialog->loadAuthorizations();
     connect(dialog, &AuthorizationManagementDialog::authorizationChanged, this,
@@ -624,7 +556,7 @@ void OnlineResourcesWidget::onEnvironmentsLoaded(const QJsonObject &response)
 void OnlineResourcesWidget::onEnvironmentDetailsLoaded(const QJsonObject &details)
 {
     detailsDialogs->showDetails(DetailsDialogs::Kind::Environment, details,
-                                likedScriptIds.contains(details.value(QLatin1String("id")).toVariant().toString()));
+                                loadedItems->isLiked(details.value(QLatin1String("id")).toVariant().toString()));
 }
 
 void OnlineResourcesWidget::onEnvironmentDeleted(const QString &)
@@ -637,15 +569,8 @@ void OnlineResourcesWidget::onEnvironmentDeleted(const QString &)
 
 void OnlineResourcesWidget::onEnvironmentLikeToggled(const QString &envId, bool liked, int likeCount)
 {
-    rememberLike(envId, liked);
+    loadedItems->setLikeState(envId, liked, likeCount);
     detailsDialogs->showLikeState(DetailsDialogs::Kind::Environment, envId, liked, likeCount);
-    for (QenvCard *card : std::as_const(qenvCards)) {
-        if (card->envId() != envId)
-            continue;
-        card->setLiked(liked);
-        card->setLikeCount(likeCount);
-        card->updateLikeButton();
-    }
 }
 
 void OnlineResourcesWidget::onOnnxCardClicked(const QString &weightsId)
@@ -655,7 +580,7 @@ void OnlineResourcesWidget::onOnnxCardClicked(const QString &weightsId)
 
 void OnlineResourcesWidget::onOnnxDownloadClicked(const QString &weightsId)
 {
-    weightsDownloads->start(weightsId, itemWithId(allItems, weightsId));
+    weightsDownloads->start(weightsId, loadedItems->itemWithId(weightsId));
 }
 
 void OnlineResourcesWidget::onWeightsLoaded(const QJsonObject &response)
@@ -686,7 +611,7 @@ void OnlineResourcesWidget::onWeightsLoaded(const QJsonObject &response)
 void OnlineResourcesWidget::onWeightsDetailsLoaded(const QJsonObject &details)
 {
     detailsDialogs->showDetails(DetailsDialogs::Kind::Weights, details,
-                                likedScriptIds.contains(details.value(QLatin1String("id")).toVariant().toString()));
+                                loadedItems->isLiked(details.value(QLatin1String("id")).toVariant().toString()));
 }
 
 void OnlineResourcesWidget::onWeightsDownloaded(const QString &filePath, const QString &uuid)
@@ -704,15 +629,8 @@ void OnlineResourcesWidget::onWeightsDeleted(const QString &)
 
 void OnlineResourcesWidget::onWeightsLikeToggled(const QString &weightsId, bool liked, int likeCount)
 {
-    rememberLike(weightsId, liked);
+    loadedItems->setLikeState(weightsId, liked, likeCount);
     detailsDialogs->showLikeState(DetailsDialogs::Kind::Weights, weightsId, liked, likeCount);
-    for (OnnxCard *card : std::as_const(onnxCards)) {
-        if (card->weightsId() != weightsId)
-            continue;
-        card->setLiked(liked);
-        card->setLikeCount(likeCount);
-        card->updateLikeButton();
-    }
 }
 
 void OnlineResourcesWidget::resizeEvent(QResizeEvent *event)
@@ -741,7 +659,7 @@ void OnlineResourcesWidget::resetPaging()
 {
     currentPage = 1;
     hasMore = true;
-    allItems = QJsonArray();
+    loadedItems->clear();
 }
 
 void OnlineResourcesWidget::loadFirstPage()
@@ -857,122 +775,58 @@ void OnlineResourcesWidget::finishLoading()
 
 void OnlineResourcesWidget::clearGrid()
 {
-    while (QLayoutItem *item = cardGrid->takeAt(0)) {
-        QWidget *widget = item->widget();
-        delete item;
-        // Cards are deleted below through their lists; anything else in the grid is a message label.
-        if (widget && !qobject_cast<ResourceCard *>(widget))
-            delete widget;
-    }
-    qDeleteAll(scriptCards);
-    qDeleteAll(qenvCards);
-    qDeleteAll(onnxCards);
-    scriptCards.clear();
-    qenvCards.clear();
-    onnxCards.clear();
+    loadedItems->clear();
 }
 
 void OnlineResourcesWidget::showGridMessage(const QString &message)
 {
-    clearGrid();
-    auto *label = new QLabel(message, gridContainer);
-    // Messages can carry the server's own error text.
-    label->setTextFormat(Qt::PlainText);
-    label->setObjectName(QStringLiteral("gridMessage"));
-    label->setAlignment(Qt::AlignCenter);
-    label->setWordWrap(true);
-    label->setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Expanding);
-    label->setStyleSheet(QStringLiteral("QLabel { font-size: 16px; color: #99aab5; padding: 50px; }"));
-    for (int row = 0; row < cardGrid->rowCount(); ++row)
-        cardGrid->setRowStretch(row, 0);
-    for (int column = 0; column < cardGrid->columnCount(); ++column)
-        cardGrid->setColumnStretch(column, 0);
-    cardGrid->addWidget(label, 0, 0, 1, -1, Qt::AlignCenter);
-    cardGrid->setRowStretch(0, 1);
+    grid->showMessage(message);
 }
 
-void OnlineResourcesWidget::addCards(const QJsonArray &items)
+ResourceCard *OnlineResourcesWidget::createCard(const QJsonObject &item, QWidget *parent)
 {
-    const int columns = calculateColumns();
-    const int existing = cardCount();
-    int row = existing / columns;
-    int column = existing % columns;
-    for (const QJsonValue &value : items) {
-        const QJsonObject item = value.toObject();
-        const QString type = item.value(QLatin1String("type")).toString().toLower();
-        const QString id = item.value(QLatin1String("id")).toString();
-        const bool liked = likedScriptIds.contains(id);
-        QWidget *card = nullptr;
-        if (type == QLatin1String("qenv")) {
-            auto *qenvCard = new QenvCard(item, gridContainer);
-            qenvCard->setLiked(liked);
-            qenvCard->setLikeEnabled(isAuthenticated, tr("Log in to like environments"));
-            connect(qenvCard, &QenvCard::clicked, this, &OnlineResourcesWidget::onQenvCardClicked);
-            connect(qenvCard, &QenvCard::installClicked, this, &OnlineResourcesWidget::onQenvInstallClicked);
-            connect(qenvCard, &QenvCard::likeClicked, apiClient, &OnlineResourcesAPI::toggleEnvironmentLike);
-            qenvCards.append(qenvCard);
-            card = qenvCard;
-        } else if (type == QLatin1String("onnx")) {
-            auto *onnxCard = new OnnxCard(item, gridContainer);
-            onnxCard->setLiked(liked);
-            onnxCard->setLikeEnabled(isAuthenticated, tr("Log in to like weights"));
-            connect(onnxCard, &OnnxCard::clicked, this, &OnlineResourcesWidget::onOnnxCardClicked);
-            connect(onnxCard, &OnnxCard::downloadClicked, this, &OnlineResourcesWidget::onOnnxDownloadClicked);
-            connect(onnxCard, &OnnxCard::likeClicked, apiClient, &OnlineResourcesAPI::toggleWeightsLike);
-            onnxCards.append(onnxCard);
-            card = onnxCard;
-        } else {
-            auto *scriptCard = new ScriptCard(item, gridContainer);
-            scriptCard->setLiked(liked);
-            scriptCard->setLikeEnabled(isAuthenticated, tr("Log in to like scripts"));
-            connect(scriptCard, &ScriptCard::clicked, this, &OnlineResourcesWidget::onCardClicked);
-            connect(scriptCard, &ScriptCard::downloadClicked, this, &OnlineResourcesWidget::onCardDownloadClicked);
-            connect(scriptCard, &ScriptCard::likeClicked, apiClient, &OnlineResourcesAPI::toggleLike);
-            scriptCards.append(scriptCard);
-            card = scriptCard;
-        }
-        cardGrid->addWidget(card, row, column);
-        if (++column >= columns) {
-            column = 0;
-            ++row;
-        }
+    const QString kind = CardGridView::cardKind(item);
+    if (kind == QLatin1String("qenv")) {
+        auto *card = new QenvCard(item, parent);
+        connect(card, &QenvCard::clicked, this, &OnlineResourcesWidget::onQenvCardClicked);
+        connect(card, &QenvCard::installClicked, this, &OnlineResourcesWidget::onQenvInstallClicked);
+        connect(card, &QenvCard::likeClicked, apiClient, &OnlineResourcesAPI::toggleEnvironmentLike);
+        return card;
     }
-    const int placed = cardCount();
-    stretchAfter(placed == 0 ? -1 : (placed - 1) / columns, columns);
+    if (kind == QLatin1String("onnx")) {
+        auto *card = new OnnxCard(item, parent);
+        connect(card, &OnnxCard::clicked, this, &OnlineResourcesWidget::onOnnxCardClicked);
+        connect(card, &OnnxCard::downloadClicked, this, &OnlineResourcesWidget::onOnnxDownloadClicked);
+        connect(card, &OnnxCard::likeClicked, apiClient, &OnlineResourcesAPI::toggleWeightsLike);
+        return card;
+    }
+    auto *card = new ScriptCard(item, parent);
+    connect(card, &ScriptCard::clicked, this, &OnlineResourcesWidget::onCardClicked);
+    connect(card, &ScriptCard::downloadClicked, this, &OnlineResourcesWidget::onCardDownloadClicked);
+    connect(card, &ScriptCard::likeClicked, apiClient, &OnlineResourcesAPI::toggleLike);
+    return card;
 }
 
-void OnlineResourcesWidget::stretchAfter(int lastRow, int columns)
+void OnlineResourcesWidget::prepareCard(ResourceCard *card) const
 {
-    // Cards have a fixed size: the spare room goes below the last row and right of the last column, so the
-    // cards stay packed at the top left instead of drifting apart.
-    for (int row = 0; row < cardGrid->rowCount(); ++row)
-        cardGrid->setRowStretch(row, 0);
-    for (int column = 0; column < cardGrid->columnCount(); ++column)
-        cardGrid->setColumnStretch(column, 0);
-    cardGrid->setRowStretch(lastRow + 1, 1);
-    cardGrid->setColumnStretch(columns, 1);
+    if (qobject_cast<QenvCard *>(card))
+        card->setLikeEnabled(isAuthenticated, tr("Log in to like environments"));
+    else if (qobject_cast<OnnxCard *>(card))
+        card->setLikeEnabled(isAuthenticated, tr("Log in to like weights"));
+    else
+        card->setLikeEnabled(isAuthenticated, tr("Log in to like scripts"));
 }
 
-int OnlineResourcesWidget::calculateColumns() const
+// Errors replace the grid only while it shows no script card, whatever else it shows.
+bool OnlineResourcesWidget::showsScriptCards() const
 {
-    const int available = scrollArea ? scrollArea->viewport()->width() - 20 : width() - 40;
-    int columns = std::max(1, (available + gridSpacing) / (cardWidth + gridSpacing));
-    while (columns > 1 && columns * cardWidth + (columns - 1) * gridSpacing > available)
-        --columns;
-    return std::min(columns, maximumColumns);
-}
-
-int OnlineResourcesWidget::cardCount() const
-{
-    return int(scriptCards.size() + qenvCards.size() + onnxCards.size());
-}
-
-// The liked set answers "liked?" for every kind when a card or a details dialog is filled.
-void OnlineResourcesWidget::rememberLike(const QString &id, bool liked)
-{
-    likedScriptIds.removeAll(id);
-    if (liked)
-        likedScriptIds.append(id);
+    if (!grid->isShowingItems())
+        return false;
+    for (int index = 0; index < loadedItems->count(); ++index) {
+        if (CardGridView::cardKind(loadedItems->item(index)) == QLatin1String("script"))
+            return true;
+    }
+    return false;
 }
 
 void OnlineResourcesWidget::showAuthenticationRequired()

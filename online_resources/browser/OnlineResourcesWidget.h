@@ -9,7 +9,6 @@
 #include <QWidget>
 
 class QComboBox;
-class QGridLayout;
 class QLabel;
 class QLineEdit;
 class QPushButton;
@@ -19,17 +18,17 @@ class QTimer;
 
 namespace Quorix {
 
+class CardGridModel;
+class CardGridView;
 class DetailsDialogs;
 class EnvironmentInstallFlow;
 class OnlineResourcesAPI;
 class OnlineResourcesPlugin;
-class OnnxCard;
 class PluginHost;
 class PublishFlow;
 class PythonEnvironmentDialog;
-class QenvCard;
+class ResourceCard;
 class ScreenTargetOpener;
-class ScriptCard;
 class ScriptDownloadFlow;
 class SettingsManager;
 class ThemedToolButton;
@@ -129,15 +128,12 @@ private:
     void showGridMessage(const QString &message);
     QJsonObject listParameters(Mode listMode) const;
     void acceptPage(const QJsonArray &items);
-    void addCards(const QJsonArray &items);
-    void placeCards(const QList<QWidget *> &cards);
-    int calculateColumns() const;
-    int cardCount() const;
-    void stretchAfter(int lastRow, int columns);
+    ResourceCard *createCard(const QJsonObject &item, QWidget *parent);
+    void prepareCard(ResourceCard *card) const;
+    bool showsScriptCards() const;
     void showAuthenticationRequired();
     void publish(const QString &presetPath);
     void connectDetailsDialogs();
-    void rememberLike(const QString &id, bool liked);
 
     OnlineResourcesAPI *apiClient = nullptr;
     ScriptDownloadFlow *scriptDownloads = nullptr;
@@ -158,11 +154,7 @@ private:
     bool hasMore = true;
     bool isAuthenticated = false;
     QString lastDiscordId;
-    QJsonArray allItems;
-    QStringList likedScriptIds;
-    QList<ScriptCard *> scriptCards;
-    QList<QenvCard *> qenvCards;
-    QList<OnnxCard *> onnxCards;
+    CardGridModel *loadedItems = nullptr;
 
     QLabel *titleLabel = nullptr;
     QLineEdit *searchEdit = nullptr;
@@ -174,8 +166,7 @@ private:
     PythonEnvironmentDialog *environmentDialog = nullptr;
     QStackedWidget *stack = nullptr;
     QScrollArea *scrollArea = nullptr;
-    QWidget *gridContainer = nullptr;
-    QGridLayout *cardGrid = nullptr;
+    CardGridView *grid = nullptr;
     QLabel *loadingIndicator = nullptr;
     QTimer *loadingTimer = nullptr;
     QTimer *safetyTimer = nullptr;

@@ -41,11 +41,15 @@ protected:
 } // namespace
 
 OnnxCard::OnnxCard(const QJsonObject &item, QWidget *parent)
-    : ResourceCard(item, parent)
-    , encrypted(ResourceRecord::isEncrypted(item))
-    , size(item.value(QLatin1String("size")).toInteger(0))
+    : ResourceCard(parent)
 {
-    build();
+    build(item);
+}
+
+void OnnxCard::readKindFields(const QJsonObject &item)
+{
+    encrypted = ResourceRecord::isEncrypted(item);
+    size = item.value(QLatin1String("size")).toInteger(0);
 }
 
 QString OnnxCard::weightsId() const
@@ -58,15 +62,14 @@ QPushButton *OnnxCard::createPillButton(const QString &text, QWidget *parent)
     return new PillButton(text, parent);
 }
 
-QLabel *OnnxCard::createTypePill(QWidget *parent) const
+void OnnxCard::showTypePill(QLabel *pill) const
 {
-    auto *typePill = new QLabel(encrypted ? QStringLiteral("ENNX") : QStringLiteral("ONNX"), parent);
-    typePill->setObjectName(QStringLiteral("onnxCardTypePill"));
-    typePill->setStyleSheet(encrypted ? QStringLiteral("QLabel { background-color: #8e44ad; color: white; "
-                                                       "border-radius: 3px; font-size: 7pt; font-weight: bold; }")
-                                      : QStringLiteral("QLabel { background-color: #00a0b0; color: white; "
-                                                       "border-radius: 3px; font-size: 7pt; font-weight: bold; }"));
-    return typePill;
+    pill->setText(encrypted ? QStringLiteral("ENNX") : QStringLiteral("ONNX"));
+    pill->setObjectName(QStringLiteral("onnxCardTypePill"));
+    restyle(pill, encrypted ? QStringLiteral("QLabel { background-color: #8e44ad; color: white; "
+                                             "border-radius: 3px; font-size: 7pt; font-weight: bold; }")
+                            : QStringLiteral("QLabel { background-color: #00a0b0; color: white; "
+                                             "border-radius: 3px; font-size: 7pt; font-weight: bold; }"));
 }
 
 QString OnnxCard::actionText() const

@@ -39,13 +39,17 @@ protected:
 } // namespace
 
 QenvCard::QenvCard(const QJsonObject &item, QWidget *parent)
-    : ResourceCard(item, parent)
+    : ResourceCard(parent)
+{
+    connect(this, &ResourceCard::downloadClicked, this, &QenvCard::installClicked);
+    build(item);
+}
+
+void QenvCard::readKindFields(const QJsonObject &item)
 {
     const QJsonObject metadata = item.value(QLatin1String("qenv_metadata")).toObject();
     pythonVersion = metadata.value(QLatin1String("python")).toString(QStringLiteral("3.x"));
     packageCount = metadata.value(QLatin1String("package_count")).toInteger(0);
-    connect(this, &ResourceCard::downloadClicked, this, &QenvCard::installClicked);
-    build();
 }
 
 QString QenvCard::envId() const
@@ -58,21 +62,20 @@ QPushButton *QenvCard::createPillButton(const QString &text, QWidget *parent)
     return new PillButton(text, parent);
 }
 
-QLabel *QenvCard::createTypePill(QWidget *parent) const
+void QenvCard::showTypePill(QLabel *pill) const
 {
-    auto *pill = new QLabel(QStringLiteral("QENV"), parent);
-    pill->setStyleSheet(badgeStyle());
-    return pill;
+    pill->setText(QStringLiteral("QENV"));
+    restyle(pill, badgeStyle());
 }
 
-QLabel *QenvCard::createExtraPill(QWidget *parent) const
+void QenvCard::showExtraPill(QLabel *pill) const
 {
-    auto *pythonPill = createTextLabel(tr("Python %1").arg(pythonVersion), parent);
-    pythonPill->setObjectName(QStringLiteral("qenvCardPythonPill"));
-    pythonPill->setStyleSheet(QStringLiteral(
-            "QLabel { background-color: #ffd43b; color:rgb(0, 0, 0); border-radius: 3px; font-weight: bold; }"));
-    pythonPill->setContentsMargins(5, 0, 5, 0);
-    return pythonPill;
+    pill->setText(tr("Python %1").arg(pythonVersion));
+    pill->setObjectName(QStringLiteral("qenvCardPythonPill"));
+    restyle(pill, QStringLiteral("QLabel { background-color: #ffd43b; color:rgb(0, 0, 0); border-radius: 3px; "
+                                 "font-weight: bold; }"));
+    pill->setContentsMargins(5, 0, 5, 0);
+    pill->show();
 }
 
 // Environments carry no version of their own on the card.

@@ -21,8 +21,9 @@ Q_SIGNALS:
 
 protected:
     QPushButton *createPillButton(const QString &text, QWidget *parent) override;
-    QLabel *createTypePill(QWidget *parent) const override;
-    QLabel *createExtraPill(QWidget *parent) const override;
+    void readKindFields(const QJsonObject &item) override;
+    void showTypePill(QLabel *pill) const override;
+    void showExtraPill(QLabel *pill) const override;
     QString metaLine(const QString &version, const QString &date, const QString &author) const override;
     QString statsLine(const QString &downloadCount) const override;
     QString actionText() const override;

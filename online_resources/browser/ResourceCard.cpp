@@ -21,15 +21,18 @@ namespace {
 constexpr int pillHeight = 26;
 constexpr int innerWidth = ResourceCard::cardWidth - 24;
 
-QLabel *elidedLabel(const QString &text, const QString &styleSheet, QWidget *parent)
+QLabel *elidedLabel(const QString &styleSheet, QWidget *parent)
 {
     auto *label = ResourceCard::createTextLabel(QString(), parent);
     label->setStyleSheet(styleSheet);
     label->ensurePolished();
-    label->setText(label->fontMetrics().elidedText(text, Qt::ElideRight, innerWidth));
-    if (label->text() != text)
-        label->setToolTip(QStringLiteral("<p>%1</p>").arg(text.toHtmlEscaped()));
     return label;
+}
+
+void setElidedText(QLabel *label, const QString &text)
+{
+    label->setText(label->fontMetrics().elidedText(text, Qt::ElideRight, innerWidth));
+    label->setToolTip(label->text() == text ? QString() : QStringLiteral("<p>%1</p>").arg(text.toHtmlEscaped()));
 }
 
 } // namespace
@@ -42,27 +45,53 @@ QLabel *ResourceCard::createTextLabel(const QString &text, QWidget *parent)
     return label;
 }
 
-ResourceCard::ResourceCard(const QJsonObject &item, QWidget *parent)
+ResourceCard::ResourceCard(QWidget *parent)
     : QWidget(parent)
-    , id(ResourceRecord::id(item))
-    , name(item.value(QLatin1String("name")).toString())
-    , author(ResourceRecord::authorName(item))
-    , downloads(ResourceRecord::counter(item, QStringLiteral("downloads")))
-    , visibility(ResourceRecord::visibility(item))
-    , canDownload(ResourceRecord::canDownload(item))
-    , created(item.value(QLatin1String("created")).toString())
-    , version(ResourceRecord::versionText(item))
-    , likes(int(ResourceRecord::counter(item, QStringLiteral("likes"))))
-    , thumbnail(item.value(QLatin1String("thumbnail")).toString())
-    , description(item.value(QLatin1String("description")).toString())
+{ }
+
+void ResourceCard::build(const QJsonObject &item)
 {
-    if (description.size() > 200)
-        description = description.left(197) + QStringLiteral("...");
+    readItem(item);
+    buildLayout();
+    showItem();
 }
 
-void ResourceCard::build()
+void ResourceCard::bind(const QJsonObject &item)
 {
-    buildLayout();
+    readItem(item);
+    liked = false;
+    showItem();
+}
+
+void ResourceCard::readItem(const QJsonObject &item)
+{
+    id = ResourceRecord::id(item);
+    name = item.value(QLatin1String("name")).toString();
+    author = ResourceRecord::authorName(item);
+    downloads = ResourceRecord::counter(item, QStringLiteral("downloads"));
+    visibility = ResourceRecord::visibility(item);
+    canDownload = ResourceRecord::canDownload(item);
+    created = item.value(QLatin1String("created")).toString();
+    version = ResourceRecord::versionText(item);
+    likes = int(ResourceRecord::counter(item, QStringLiteral("likes")));
+    thumbnail = item.value(QLatin1String("thumbnail")).toString();
+    description = item.value(QLatin1String("description")).toString();
+    if (description.size() > 200)
+        description = description.left(197) + QStringLiteral("...");
+    readKindFields(item);
+}
+
+void ResourceCard::showItem()
+{
+    picture->showPicture(thumbnail);
+    showTypePill(typePill);
+    showExtraPill(extraPill);
+    setElidedText(nameLabel, name);
+    setElidedText(metaLabel,
+                  metaLine(version, ResourceRecord::relativeDate(created, QDateTime::currentDateTime()), author));
+    descriptionLabel->setText(description);
+    downloadsLabel->setText(statsLine(ResourceRecord::abbreviatedCount(downloads)));
+    actionButton->setText(actionText());
     applyVisibilityBadge();
     applyDownloadState();
     updateLikeButton();
@@ -73,10 +102,15 @@ QString ResourceCard::badgeStyle()
     return QStringLiteral("QLabel { border: 1px solid #666; border-radius: 3px; font-size: 7pt; font-weight: bold; }");
 }
 
-QLabel *ResourceCard::createExtraPill(QWidget *) const
+void ResourceCard::restyle(QWidget *widget, const QString &styleSheet)
 {
-    return nullptr;
+    if (widget->styleSheet() != styleSheet)
+        widget->setStyleSheet(styleSheet);
 }
+
+void ResourceCard::readKindFields(const QJsonObject &) { }
+
+void ResourceCard::showExtraPill(QLabel *) const { }
 
 QString ResourceCard::metaLine(const QString &version, const QString &date, const QString &author) const
 {
@@ -124,22 +158,24 @@ void ResourceCard::buildLayout()
     pictureHolder->setStyleSheet(QStringLiteral("QWidget { border-radius: 15px; }"));
     auto *holderLayout = new QVBoxLayout(pictureHolder);
     holderLayout->setContentsMargins(0, 0, 0, 0);
-    auto *picture = new QWidget(pictureHolder);
-    picture->setAttribute(Qt::WA_StyledBackground);
-    picture->setStyleSheet(pictureStyle());
-    auto *pictureLayout = new QVBoxLayout(picture);
+    auto *pictureArea = new QWidget(pictureHolder);
+    pictureArea->setAttribute(Qt::WA_StyledBackground);
+    pictureArea->setStyleSheet(pictureStyle());
+    auto *pictureLayout = new QVBoxLayout(pictureArea);
     pictureLayout->setContentsMargins(0, 0, 0, 0);
-    pictureLayout->addWidget(new CardThumbnail(thumbnail, QSize(innerWidth, 120), this));
-    holderLayout->addWidget(picture);
+    picture = new CardThumbnail(QSize(innerWidth, 120), this);
+    pictureLayout->addWidget(picture);
+    holderLayout->addWidget(pictureArea);
     layout->addWidget(pictureHolder);
 
     auto *badges = new QHBoxLayout;
     badges->setSpacing(6);
-    QLabel *typePill = createTypePill(body);
+    typePill = createTextLabel(QString(), body);
     typePill->setContentsMargins(5, 1, 5, 1);
     badges->addWidget(typePill);
-    if (QLabel *extraPill = createExtraPill(body))
-        badges->addWidget(extraPill);
+    extraPill = createTextLabel(QString(), body);
+    extraPill->hide();
+    badges->addWidget(extraPill);
     visibilityBadge = createTextLabel(QString(), body);
     visibilityBadge->setStyleSheet(badgeStyle());
     visibilityBadge->setContentsMargins(5, 1, 5, 1);
@@ -147,14 +183,13 @@ void ResourceCard::buildLayout()
     badges->addStretch();
     layout->addLayout(badges);
 
-    layout->addWidget(elidedLabel(
-            name, QStringLiteral("QLabel { font-size: 16pt; font-weight: bold; margin: 0px; padding: 0px; }"), body));
+    nameLabel = elidedLabel(QStringLiteral("QLabel { font-size: 16pt; font-weight: bold; margin: 0px; padding: 0px; }"),
+                            body);
+    layout->addWidget(nameLabel);
+    metaLabel = elidedLabel(QStringLiteral("QLabel { font-size: 9pt; margin: 0px; padding: 0px; }"), body);
+    layout->addWidget(metaLabel);
 
-    const QString date = ResourceRecord::relativeDate(created, QDateTime::currentDateTime());
-    layout->addWidget(elidedLabel(metaLine(version, date, author),
-                                  QStringLiteral("QLabel { font-size: 9pt; margin: 0px; padding: 0px; }"), body));
-
-    auto *descriptionLabel = createTextLabel(description, body);
+    descriptionLabel = createTextLabel(QString(), body);
     descriptionLabel->setObjectName(QStringLiteral("cardDescription"));
     descriptionLabel->setStyleSheet(QStringLiteral("QLabel { font-size: 8pt; }"));
     descriptionLabel->setWordWrap(true);
@@ -162,7 +197,7 @@ void ResourceCard::buildLayout()
     descriptionLabel->setSizePolicy(QSizePolicy::Preferred, QSizePolicy::Ignored);
     layout->addWidget(descriptionLabel, 1);
 
-    auto *downloadsLabel = new QLabel(statsLine(ResourceRecord::abbreviatedCount(downloads)), body);
+    downloadsLabel = new QLabel(body);
     downloadsLabel->setObjectName(QStringLiteral("cardDownloads"));
     downloadsLabel->setStyleSheet(QStringLiteral("QLabel { font-size: 8pt; }"));
     layout->addWidget(downloadsLabel);
@@ -181,7 +216,7 @@ void ResourceCard::buildLayout()
     });
     actions->addWidget(likeButton);
     actions->addStretch();
-    actionButton = createPillButton(actionText(), body);
+    actionButton = createPillButton(QString(), body);
     actionButton->setObjectName(actionObjectName());
     actionButton->setMinimumWidth(96);
     actionButton->setFixedHeight(pillHeight);
@@ -250,17 +285,21 @@ void ResourceCard::mouseReleaseEvent(QMouseEvent *event)
 void ResourceCard::applyVisibilityBadge()
 {
     if (visibility.isEmpty() || visibility == QLatin1String("public")) {
+        visibilityBadge->clear();
+        restyle(visibilityBadge, badgeStyle());
         visibilityBadge->hide();
         return;
     }
     visibilityBadge->setText(visibility.toUpper());
     if (visibility == QLatin1String("private")) {
-        visibilityBadge->setStyleSheet(QStringLiteral("QLabel { background-color: #f9a825; color: white; "
-                                                      "border-radius: 3px; font-size: 6pt; font-weight: bold; }"));
+        restyle(visibilityBadge, QStringLiteral("QLabel { background-color: #f9a825; color: white; "
+                                                "border-radius: 3px; font-size: 6pt; font-weight: bold; }"));
     } else if (visibility == QLatin1String("purchasable")) {
         visibilityBadge->setText(tr("LOCKED"));
-        visibilityBadge->setStyleSheet(QStringLiteral("QLabel { background-color: #e53935; color: white; "
-                                                      "border-radius: 3px; font-size: 6pt; font-weight: bold; }"));
+        restyle(visibilityBadge, QStringLiteral("QLabel { background-color: #e53935; color: white; "
+                                                "border-radius: 3px; font-size: 6pt; font-weight: bold; }"));
+    } else {
+        restyle(visibilityBadge, badgeStyle());
     }
     visibilityBadge->show();
 }
@@ -268,13 +307,12 @@ void ResourceCard::applyVisibilityBadge()
 void ResourceCard::applyDownloadState()
 {
     actionButton->setEnabled(canDownload);
-    if (canDownload) {
-        actionButton->setToolTip(QString());
-    } else if (visibility == QLatin1String("purchasable")) {
+    if (!canDownload && visibility == QLatin1String("purchasable"))
         actionButton->setToolTip(purchasableToolTip());
-    } else if (visibility == QLatin1String("private")) {
+    else if (!canDownload && visibility == QLatin1String("private"))
         actionButton->setToolTip(privateToolTip());
-    }
+    else
+        actionButton->setToolTip(QString());
 }
 
 } // namespace Quorix

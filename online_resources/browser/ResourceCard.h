@@ -9,6 +9,8 @@ class QPushButton;
 
 namespace Quorix {
 
+class CardThumbnail;
+
 // What every card in the catalogue grid shows the same way: picture, badges, name, meta line, description,
 // downloads, like and the main action. Each kind of card supplies only what sets it apart through the hooks below.
 class ResourceCard : public QWidget
@@ -21,6 +23,10 @@ public:
 
     // A label that shows record text as written, never as markup.
     static QLabel *createTextLabel(const QString &text, QWidget *parent);
+
+    // Shows another record of the same kind in this card, so the grid can reuse cards as rows scroll by. The like
+    // state starts unliked; the like button keeps whether it is enabled.
+    void bind(const QJsonObject &item);
 
     QString resourceId() const;
     bool isLiked() const;
@@ -36,19 +42,23 @@ Q_SIGNALS:
     void likeClicked(const QString &id);
 
 protected:
-    ResourceCard(const QJsonObject &item, QWidget *parent);
+    explicit ResourceCard(QWidget *parent);
 
-    // The hooks cannot be reached while the base is being constructed, so each card builds itself once its own
-    // fields are read.
-    void build();
+    // The hooks cannot be reached while the base is being constructed, so each card builds itself from its
+    // constructor.
+    void build(const QJsonObject &item);
 
     static QString badgeStyle();
+    // Style sheets are costly to apply, and rebinding a card usually keeps them.
+    static void restyle(QWidget *widget, const QString &styleSheet);
 
     // Each card draws its buttons with a pill of its own.
     virtual QPushButton *createPillButton(const QString &text, QWidget *parent) = 0;
-    virtual QLabel *createTypePill(QWidget *parent) const = 0;
-    // Shown between the type pill and the visibility badge; none unless a card has something to add.
-    virtual QLabel *createExtraPill(QWidget *parent) const;
+    // Fields only one kind of card shows, read on construction and on every rebind.
+    virtual void readKindFields(const QJsonObject &item);
+    virtual void showTypePill(QLabel *pill) const = 0;
+    // Shown between the type pill and the visibility badge; hidden unless a card has something to add.
+    virtual void showExtraPill(QLabel *pill) const;
     virtual QString pictureStyle() const = 0;
     virtual QString metaLine(const QString &version, const QString &date, const QString &author) const;
     virtual QString statsLine(const QString &downloadCount) const;
@@ -62,7 +72,9 @@ protected:
     void mouseReleaseEvent(QMouseEvent *event) override;
 
 private:
+    void readItem(const QJsonObject &item);
     void buildLayout();
+    void showItem();
     void applyVisibilityBadge();
     void applyDownloadState();
 
@@ -80,6 +92,13 @@ private:
     bool liked = false;
     QString likeDisabledToolTip;
 
+    CardThumbnail *picture = nullptr;
+    QLabel *typePill = nullptr;
+    QLabel *extraPill = nullptr;
+    QLabel *nameLabel = nullptr;
+    QLabel *metaLabel = nullptr;
+    QLabel *descriptionLabel = nullptr;
+    QLabel *downloadsLabel = nullptr;
     QLabel *visibilityBadge = nullptr;
     QPushButton *likeButton = nullptr;
     QPushButton *actionButton = nullptr;

@@ -10,6 +10,8 @@
 #include <QHash>
 #include <QJsonArray>
 #include <QPushButton>
+#include <QScrollArea>
+#include <QScrollBar>
 #include <QTextStream>
 #include <QTimer>
 
@@ -45,6 +47,10 @@ bool ScreenTargetOpener::open(const QString &target)
         return openDetails(Kind::Environments, argument, "onQenvInstallClicked");
     if (kind == QLatin1String("environments"))
         return openEnvironments(argument);
+    if (kind == QLatin1String("grid-scroll"))
+        return scrollGrid(argument, true);
+    if (kind == QLatin1String("grid-bottom"))
+        return scrollGrid(argument, false);
     return false;
 }
 
@@ -107,6 +113,31 @@ bool ScreenTargetOpener::openEnvironments(const QString &argument)
     if (!button)
         return false;
     QTimer::singleShot(500, button, &QPushButton::click);
+    return true;
+}
+
+// Reaches the bottom of the grid `argument` times, as a reader scrolling on would, each time loading the next page,
+// and then optionally returns to the top; driven through the scroll bar only, so any grid behaves the same.
+bool ScreenTargetOpener::scrollGrid(const QString &argument, bool backToTop)
+{
+    bool isNumber = false;
+    const int bottoms = argument.toInt(&isNumber);
+    auto *area = page->findChild<QScrollArea *>();
+    if (!isNumber || bottoms < 0 || !area)
+        return false;
+    auto *steps = new QTimer(this);
+    steps->setInterval(300);
+    connect(steps, &QTimer::timeout, this, [steps, area, backToTop, remaining = bottoms]() mutable {
+        QScrollBar *bar = area->verticalScrollBar();
+        if (remaining-- > 0) {
+            bar->setValue(bar->maximum());
+            return;
+        }
+        if (backToTop)
+            bar->setValue(0);
+        steps->deleteLater();
+    });
+    steps->start();
     return true;
 }
 

@@ -33,6 +33,7 @@ private:
     using RecordHandler = std::function<void(const QJsonObject &record)>;
 
     bool openEnvironments(const QString &argument);
+    bool scrollGrid(const QString &argument, bool backToTop);
 
     // Looks the resource up by its exact name with the page's credentials, without touching the page's grid.
     void findResource(Kind kind, const QString &name, const RecordHandler &found);

@@ -41,10 +41,9 @@ protected:
 } // namespace
 
 ScriptCard::ScriptCard(const QJsonObject &item, QWidget *parent)
-    : ResourceCard(item, parent)
-    , type(ResourceRecord::type(item))
+    : ResourceCard(parent)
 {
-    build();
+    build(item);
 }
 
 QString ScriptCard::scriptId() const
@@ -57,11 +56,15 @@ QPushButton *ScriptCard::createPillButton(const QString &text, QWidget *parent)
     return new PillButton(text, parent);
 }
 
-QLabel *ScriptCard::createTypePill(QWidget *parent) const
+void ScriptCard::readKindFields(const QJsonObject &item)
 {
-    auto *pill = createTextLabel(type.isEmpty() ? QStringLiteral("SCRIPT") : type.toUpper(), parent);
-    pill->setStyleSheet(badgeStyle());
-    return pill;
+    type = ResourceRecord::type(item);
+}
+
+void ScriptCard::showTypePill(QLabel *pill) const
+{
+    pill->setText(type.isEmpty() ? QStringLiteral("SCRIPT") : type.toUpper());
+    restyle(pill, badgeStyle());
 }
 
 QString ScriptCard::pictureStyle() const

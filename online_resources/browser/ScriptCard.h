@@ -16,7 +16,8 @@ public:
 
 protected:
     QPushButton *createPillButton(const QString &text, QWidget *parent) override;
-    QLabel *createTypePill(QWidget *parent) const override;
+    void readKindFields(const QJsonObject &item) override;
+    void showTypePill(QLabel *pill) const override;
     QString pictureStyle() const override;
     QString likeToolTip() const override;
     QString purchasableToolTip() const override;

@@ -6,7 +6,7 @@ namespace Quorix::Testing {
 
 namespace {
 
-QJsonObject record(const QString &id, const QString &type)
+QJsonObject baseRecord(const QString &id, const QString &type)
 {
     return {{QStringLiteral("id"), id},
             {QStringLiteral("name"), QStringLiteral("Item %1").arg(id)},
@@ -31,12 +31,12 @@ QJsonObject envelope(const QString &key, const QJsonArray &items, const QJsonObj
 
 QJsonObject BrowserTestData::script(const QString &id, const QString &type)
 {
-    return record(id, type);
+    return baseRecord(id, type);
 }
 
 QJsonObject BrowserTestData::environment(const QString &id)
 {
-    QJsonObject item = record(id, QStringLiteral("qenv"));
+    QJsonObject item = baseRecord(id, QStringLiteral("qenv"));
     item.insert(QStringLiteral("qenv_metadata"),
                 QJsonObject{{QStringLiteral("python"), QStringLiteral("3.11")}, {QStringLiteral("package_count"), 7}});
     return item;
@@ -44,9 +44,23 @@ QJsonObject BrowserTestData::environment(const QString &id)
 
 QJsonObject BrowserTestData::weights(const QString &id, bool encrypted)
 {
-    QJsonObject item = record(id, QStringLiteral("onnx"));
+    QJsonObject item = baseRecord(id, QStringLiteral("onnx"));
     item.insert(QStringLiteral("is_encrypted"), encrypted);
     item.insert(QStringLiteral("size"), 1572864);
+    return item;
+}
+
+QJsonObject BrowserTestData::record(const QString &kind, const QString &id, const QJsonObject &changes)
+{
+    QJsonObject item = kind == QLatin1String("qenv")   ? environment(id)
+                       : kind == QLatin1String("onnx") ? weights(id)
+                                                       : script(id);
+    for (auto it = changes.begin(); it != changes.end(); ++it) {
+        if (it.value().isNull())
+            item.remove(it.key());
+        else
+            item.insert(it.key(), it.value());
+    }
     return item;
 }
 

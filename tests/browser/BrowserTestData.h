@@ -13,6 +13,9 @@ public:
     static QJsonObject script(const QString &id, const QString &type = QStringLiteral("gpc3"));
     static QJsonObject environment(const QString &id);
     static QJsonObject weights(const QString &id, bool encrypted = false);
+    // A record of the kind a card shows ("script", "qenv" or "onnx") with `changes` applied; a null value removes
+    // that key.
+    static QJsonObject record(const QString &kind, const QString &id, const QJsonObject &changes = {});
     // Records "<prefix><first>" .. "<prefix><first + count - 1>".
     static QJsonArray scripts(const QString &prefix, int first, int count);
 

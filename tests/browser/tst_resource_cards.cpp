@@ -4,6 +4,7 @@
 #include "browser/OnnxCard.h"
 #include "browser/QenvCard.h"
 #include "browser/ScriptCard.h"
+#include "browser/ThumbnailCache.h"
 
 #include <QBuffer>
 #include <QDateTime>
@@ -16,16 +17,28 @@
 #include <QTest>
 #include <QTextDocument>
 
+#include <memory>
+
 using namespace Quorix;
 using namespace Quorix::Testing;
 
 namespace {
 
+const QString pageGlyph = QStringLiteral("\U0001F4C4");
+
+std::unique_ptr<ResourceCard> makeCard(const QString &kind, const QJsonObject &item)
+{
+    if (kind == QLatin1String("qenv"))
+        return std::make_unique<QenvCard>(item);
+    if (kind == QLatin1String("onnx"))
+        return std::make_unique<OnnxCard>(item);
+    return std::make_unique<ScriptCard>(item);
+}
+
 QStringList visibleLabelTexts(const QWidget *card)
 {
     QStringList texts;
-    const auto labels = card->findChildren<QLabel *>();
-    for (const QLabel *label : labels) {
+    for (const QLabel *label : card->findChildren<QLabel *>()) {
         if (label->isVisibleTo(card) && !label->text().isEmpty())
             texts.append(label->text());
     }
@@ -34,17 +47,59 @@ QStringList visibleLabelTexts(const QWidget *card)
 
 const QLabel *labelWithText(const QWidget *card, const QString &text)
 {
-    const auto labels = card->findChildren<QLabel *>();
-    for (const QLabel *label : labels) {
+    for (const QLabel *label : card->findChildren<QLabel *>()) {
         if (label->text() == text)
             return label;
     }
     return nullptr;
 }
 
-QPushButton *button(const QWidget *card, const char *objectName)
+QPushButton *likeButton(const QWidget *card)
 {
-    return card->findChild<QPushButton *>(QLatin1String(objectName));
+    return card->findChild<QPushButton *>(QStringLiteral("scriptCardLikeButton"));
+}
+
+QPushButton *actionButton(const QWidget *card)
+{
+    auto *install = card->findChild<QPushButton *>(QStringLiteral("qenvCardInstallButton"));
+    return install ? install : card->findChild<QPushButton *>(QStringLiteral("scriptCardDownloadButton"));
+}
+
+// Everything a reader can see or hover on a card, in widget order.
+QStringList appearance(const QWidget *card)
+{
+    QStringList shown;
+    for (const QWidget *child : card->findChildren<QWidget *>()) {
+        const auto *label = qobject_cast<const QLabel *>(child);
+        const auto *button = qobject_cast<const QAbstractButton *>(child);
+        shown.append(QStringLiteral("%1|%2|%3|%4|%5|%6|%7")
+                             .arg(child->objectName(),
+                                  label    ? label->text()
+                                  : button ? button->text()
+                                           : QString(),
+                                  child->toolTip(), child->styleSheet())
+                             .arg(child->isVisibleTo(card))
+                             .arg(child->isEnabled())
+                             .arg(button && button->isChecked()));
+    }
+    return shown;
+}
+
+// Differs from the records of the tables in every field a card shows.
+QJsonObject contrastingRecord(const QString &kind)
+{
+    return BrowserTestData::record(
+            kind, QStringLiteral("other"),
+            {{QStringLiteral("name"), QStringLiteral("A name far too long to fit on one card without being cut")},
+             {QStringLiteral("type"), kind == QLatin1String("script") ? QStringLiteral("python") : kind},
+             {QStringLiteral("visibility_type"), QStringLiteral("purchasable")},
+             {QStringLiteral("can_download"), false},
+             {QStringLiteral("likes"), 0},
+             {QStringLiteral("downloads"), 5},
+             {QStringLiteral("is_encrypted"), true},
+             {QStringLiteral("size"), 10},
+             {QStringLiteral("thumbnail"), QStringLiteral("http://127.0.0.1:9/none.png")},
+             {QStringLiteral("qenv_metadata"), QJsonObject{{QStringLiteral("python"), QStringLiteral("2.7")}}}});
 }
 
 QByteArray pngBytes(const QSize &size)
@@ -65,136 +120,163 @@ class ResourceCardsTest : public QObject
     Q_OBJECT
 
 private slots:
-    void scriptCardShowsTheRecord();
-    void scriptSubtypesGetTheirPill_data();
-    void scriptSubtypesGetTheirPill();
+    void cardShowsTheRecord_data();
+    void cardShowsTheRecord();
     void visibilityDecidesBadgeAndDownload_data();
     void visibilityDecidesBadgeAndDownload();
     void likeStatesAndCounts();
-    void defaultsForMissingKeys();
-    void environmentCardWithAndWithoutMetadata();
-    void weightsCardsPlainAndEncrypted();
-    void restrictedEnvironmentsAndWeightsExplainTheirDownload();
     void cardSignalsCarryTheId();
-    void thumbnails();
+    void thumbnailsAreFetchedOnceWhileCached();
     void authorTextsAreNeverRenderedAsMarkup();
 };
 
-void ResourceCardsTest::scriptCardShowsTheRecord()
+void ResourceCardsTest::cardShowsTheRecord_data()
 {
-    QJsonObject item = BrowserTestData::script(QStringLiteral("s1"));
-    item.insert(QStringLiteral("name"), QStringLiteral("Aim Assist"));
-    item.insert(QStringLiteral("version"), QStringLiteral("2"));
-    item.insert(QStringLiteral("downloads"), 1500000);
-    item.insert(QStringLiteral("created"), QDateTime::currentDateTime().addDays(-7).toString(Qt::ISODate));
-    item.insert(QStringLiteral("description"), QString(201, QLatin1Char('d')));
-    ScriptCard card(item);
-
-    QCOMPARE(card.width(), 280);
-    const QStringList texts = visibleLabelTexts(&card);
-    QVERIFY(texts.contains(QStringLiteral("Aim Assist")));
-    QVERIFY(texts.contains(QStringLiteral("v2.00 • 1 weeks ago by ada")));
-    QVERIFY(texts.contains(QStringLiteral("1.5M downloads")));
-    QVERIFY(texts.contains(QString(197, QLatin1Char('d')) + QStringLiteral("...")));
-
-    item.insert(QStringLiteral("description"), QString(200, QLatin1Char('e')));
-    item.insert(QStringLiteral("version"), 0);
-    item.insert(QStringLiteral("downloads"), 999);
-    item.insert(QStringLiteral("created"), QStringLiteral("last spring"));
-    item.insert(QStringLiteral("author"), QStringLiteral("plain author"));
-    ScriptCard second(item);
-    const QStringList secondTexts = visibleLabelTexts(&second);
-    QVERIFY(secondTexts.contains(QString(200, QLatin1Char('e'))));
-    QVERIFY(secondTexts.contains(QStringLiteral("last spring by plain author")));
-    QVERIFY(secondTexts.contains(QStringLiteral("999 downloads")));
+    QTest::addColumn<QString>("kind");
+    QTest::addColumn<QJsonObject>("changes");
+    QTest::addColumn<QStringList>("texts");
+    QTest::addColumn<QString>("pillColour");
+    QTest::addColumn<QString>("action");
+    const QString weekAgo = QDateTime::currentDateTime().addDays(-7).toString(Qt::ISODate);
+    QTest::newRow("script") << "script"
+                            << QJsonObject{{"name", "Aim Assist"},
+                                           {"version", "2"},
+                                           {"downloads", 1500000},
+                                           {"created", weekAgo},
+                                           {"description", QString(201, QLatin1Char('d'))}}
+                            << QStringList{"GPC3", "Aim Assist", "v2.00 • 1 weeks ago by ada", "1.5M downloads",
+                                           QString(197, QLatin1Char('d')) + "..."}
+                            << "#666"
+                            << "Download";
+    QTest::newRow("script, plain fields")
+            << "script"
+            << QJsonObject{{"description", QString(200, QLatin1Char('e'))},
+                           {"version", 0},
+                           {"downloads", 999},
+                           {"created", "last spring"},
+                           {"author", "plain author"},
+                           {"type", "gbc3"}}
+            << QStringList{"GBC3", QString(200, QLatin1Char('e')), "last spring by plain author", "999 downloads"}
+            << "#666"
+            << "Download";
+    QTest::newRow("python script") << "script" << QJsonObject{{"type", "python"}} << QStringList{"PYTHON"} << "#666"
+                                   << "Download";
+    QTest::newRow("script without type or counters")
+            << "script" << QJsonObject{{"type", QJsonValue()}, {"downloads", QJsonValue()}}
+            << QStringList{"SCRIPT", "0 downloads"} << "#666"
+            << "Download";
+    QTest::newRow("environment") << "qenv" << QJsonObject{}
+                                 << QStringList{"QENV", "Python 3.11", "12 downloads • 7 packages", "Today by ada"}
+                                 << "#666"
+                                 << "Install";
+    QTest::newRow("environment without metadata")
+            << "qenv" << QJsonObject{{"qenv_metadata", QJsonValue()}}
+            << QStringList{"QENV", "Python 3.x", "12 downloads • 0 packages"} << "#666"
+            << "Install";
+    QTest::newRow("weights") << "onnx" << QJsonObject{} << QStringList{"ONNX", "v1.00 • Today by ada"} << "#00a0b0"
+                             << "Download (1.5 MB)";
+    QTest::newRow("encrypted weights") << "onnx" << QJsonObject{{"is_encrypted", 1}, {"size", 1023}}
+                                       << QStringList{"ENNX"} << "#8e44ad"
+                                       << "Download (1023 B)";
+    QTest::newRow("large weights") << "onnx" << QJsonObject{{"size", qint64(3) * 1073741824}} << QStringList{"ONNX"}
+                                   << "#00a0b0"
+                                   << "Download (3.0 GB)";
 }
 
-void ResourceCardsTest::scriptSubtypesGetTheirPill_data()
+// A card that the grid reuses for another record must look exactly like a card made for that record.
+void ResourceCardsTest::cardShowsTheRecord()
 {
-    QTest::addColumn<QString>("type");
-    QTest::addColumn<QString>("pill");
-    QTest::newRow("gpc3") << QStringLiteral("GPC3") << QStringLiteral("GPC3");
-    QTest::newRow("gbc3") << QStringLiteral("gbc3") << QStringLiteral("GBC3");
-    QTest::newRow("python") << QStringLiteral("python") << QStringLiteral("PYTHON");
-    QTest::newRow("missing") << QString() << QStringLiteral("SCRIPT");
-}
+    QFETCH(QString, kind);
+    QFETCH(QJsonObject, changes);
+    QFETCH(QStringList, texts);
+    QFETCH(QString, pillColour);
+    QFETCH(QString, action);
+    const QJsonObject item = BrowserTestData::record(kind, QStringLiteral("r1"), changes);
+    const auto card = makeCard(kind, item);
+    QCOMPARE(card->size(), QSize(280, 360));
+    const QStringList shown = visibleLabelTexts(card.get());
+    for (const QString &text : std::as_const(texts))
+        QVERIFY2(shown.contains(text), qPrintable(text + QLatin1String(" in ") + shown.join(QLatin1Char('|'))));
+    QVERIFY(labelWithText(card.get(), texts.first())->styleSheet().contains(pillColour));
+    QVERIFY(!shown.contains(kind == QLatin1String("onnx") && texts.first() == "ENNX" ? "ONNX" : "ENNX"));
+    QCOMPARE(actionButton(card.get())->text(), action);
+    QCOMPARE(likeButton(card.get())->toolTip(), kind == QLatin1String("qenv")   ? "Like this environment"
+                                                : kind == QLatin1String("onnx") ? "Like these weights"
+                                                                                : "Like this script");
 
-void ResourceCardsTest::scriptSubtypesGetTheirPill()
-{
-    QFETCH(QString, type);
-    QFETCH(QString, pill);
-    ScriptCard card(BrowserTestData::script(QStringLiteral("s1"), type));
-    const QLabel *label = labelWithText(&card, pill);
-    QVERIFY(label);
-    QVERIFY(label->styleSheet().contains(QLatin1String("border: 1px solid #666")));
+    const auto reused = makeCard(kind, contrastingRecord(kind));
+    reused->setLiked(true);
+    reused->bind(item);
+    QCOMPARE(reused->resourceId(), QStringLiteral("r1"));
+    QCOMPARE(appearance(reused.get()), appearance(card.get()));
 }
 
 void ResourceCardsTest::visibilityDecidesBadgeAndDownload_data()
 {
+    QTest::addColumn<QString>("kind");
     QTest::addColumn<QJsonObject>("changes");
     QTest::addColumn<QString>("badge");
     QTest::addColumn<QString>("badgeColour");
     QTest::addColumn<bool>("downloadEnabled");
     QTest::addColumn<QString>("downloadToolTip");
-    QTest::newRow("public") << QJsonObject{} << QString() << QString() << true << QString();
+    QTest::newRow("public") << "script" << QJsonObject{} << QString() << QString() << true << QString();
     QTest::newRow("older public flag false")
-            << QJsonObject{{QStringLiteral("visibility_type"), QJsonValue()}, {QStringLiteral("is_public"), false}}
-            << QStringLiteral("PRIVATE") << QStringLiteral("#f9a825") << true << QString();
-    QTest::newRow("private, authorized") << QJsonObject{{QStringLiteral("visibility_type"), QStringLiteral("private")},
-                                                        {QStringLiteral("can_download"), true}}
-                                         << QStringLiteral("PRIVATE") << QStringLiteral("#f9a825") << true << QString();
+            << "script" << QJsonObject{{"visibility_type", QJsonValue()}, {"is_public", false}} << "PRIVATE"
+            << "#f9a825" << true << QString();
+    QTest::newRow("private, authorized") << "script"
+                                         << QJsonObject{{"visibility_type", "private"}, {"can_download", true}}
+                                         << "PRIVATE"
+                                         << "#f9a825" << true << QString();
     QTest::newRow("private, not authorized")
-            << QJsonObject{{QStringLiteral("visibility_type"), QStringLiteral("private")},
-                           {QStringLiteral("can_download"), false}}
-            << QStringLiteral("PRIVATE") << QStringLiteral("#f9a825") << false
-            << QStringLiteral("This script is private. You need authorization from the author.");
-    QTest::newRow("locked") << QJsonObject{{QStringLiteral("visibility_type"), QStringLiteral("purchasable")},
-                                           {QStringLiteral("can_download"), false}}
-                            << QStringLiteral("LOCKED") << QStringLiteral("#e53935") << false
-                            << QStringLiteral("This script is purchasable. Contact the author for access.");
-    QTest::newRow("unknown visibility") << QJsonObject{{QStringLiteral("visibility_type"), QStringLiteral("unlisted")}}
-                                        << QStringLiteral("UNLISTED") << QStringLiteral("#666") << true << QString();
+            << "script" << QJsonObject{{"visibility_type", "private"}, {"can_download", false}} << "PRIVATE"
+            << "#f9a825" << false << "This script is private. You need authorization from the author.";
+    QTest::newRow("locked") << "script" << QJsonObject{{"visibility_type", "purchasable"}, {"can_download", false}}
+                            << "LOCKED"
+                            << "#e53935" << false << "This script is purchasable. Contact the author for access.";
+    QTest::newRow("unknown visibility") << "script" << QJsonObject{{"visibility_type", "unlisted"}} << "UNLISTED"
+                                        << "#666" << true << QString();
+    QTest::newRow("locked environment") << "qenv"
+                                        << QJsonObject{{"visibility_type", "purchasable"}, {"can_download", false}}
+                                        << "LOCKED"
+                                        << "#e53935" << false
+                                        << "This environment is purchasable. Contact the author for access.";
+    QTest::newRow("private weights") << "onnx" << QJsonObject{{"visibility_type", "private"}, {"can_download", false}}
+                                     << "PRIVATE"
+                                     << "#f9a825" << false
+                                     << "These weights are private. You need authorization from the author.";
 }
 
 void ResourceCardsTest::visibilityDecidesBadgeAndDownload()
 {
+    QFETCH(QString, kind);
     QFETCH(QJsonObject, changes);
     QFETCH(QString, badge);
     QFETCH(QString, badgeColour);
     QFETCH(bool, downloadEnabled);
     QFETCH(QString, downloadToolTip);
-
-    QJsonObject item = BrowserTestData::script(QStringLiteral("s1"));
-    for (auto it = changes.begin(); it != changes.end(); ++it) {
-        if (it.value().isNull())
-            item.remove(it.key());
-        else
-            item.insert(it.key(), it.value());
+    const QJsonObject item = BrowserTestData::record(kind, QStringLiteral("r1"), changes);
+    const auto fresh = makeCard(kind, item);
+    const auto reused = makeCard(kind, contrastingRecord(kind));
+    reused->bind(item);
+    for (const ResourceCard *card : {fresh.get(), reused.get()}) {
+        const QStringList texts = visibleLabelTexts(card);
+        for (const QString &other : {QStringLiteral("PRIVATE"), QStringLiteral("LOCKED"), QStringLiteral("PUBLIC")})
+            QVERIFY2(other == badge || !texts.contains(other), qPrintable(other));
+        if (!badge.isEmpty()) {
+            QVERIFY(texts.contains(badge));
+            QVERIFY(labelWithText(card, badge)->styleSheet().contains(badgeColour));
+        }
+        QCOMPARE(actionButton(card)->isEnabled(), downloadEnabled);
+        QCOMPARE(actionButton(card)->toolTip(), downloadToolTip);
     }
-    ScriptCard card(item);
-    const QStringList texts = visibleLabelTexts(&card);
-    for (const QString &hidden : {QStringLiteral("PRIVATE"), QStringLiteral("LOCKED"), QStringLiteral("PUBLIC")}) {
-        if (hidden != badge)
-            QVERIFY2(!texts.contains(hidden), qPrintable(hidden));
-    }
-    if (!badge.isEmpty()) {
-        QVERIFY(texts.contains(badge));
-        QVERIFY(labelWithText(&card, badge)->styleSheet().contains(badgeColour));
-    }
-    QPushButton *download = button(&card, "scriptCardDownloadButton");
-    QCOMPARE(download->isEnabled(), downloadEnabled);
-    QCOMPARE(download->toolTip(), downloadToolTip);
 }
 
 void ResourceCardsTest::likeStatesAndCounts()
 {
-    QJsonObject item = BrowserTestData::script(QStringLiteral("s1"));
-    item.insert(QStringLiteral("likes"), 0);
-    ScriptCard card(item);
-    QPushButton *like = button(&card, "scriptCardLikeButton");
+    ScriptCard card(BrowserTestData::record(QStringLiteral("script"), QStringLiteral("s1"), {{"likes", 0}}));
+    QPushButton *like = likeButton(&card);
     QVERIFY(like->text().isEmpty());
     QVERIFY(!like->isChecked());
-    QCOMPARE(like->toolTip(), QStringLiteral("Like this script"));
 
     card.setLiked(true);
     card.setLikeCount(1);
@@ -207,89 +289,20 @@ void ResourceCardsTest::likeStatesAndCounts()
     QSignalSpy likes(&card, &ScriptCard::likeClicked);
     like->click();
     QCOMPARE(likes.size(), 1);
+    QCOMPARE(likes.first().first().toString(), QStringLiteral("s1"));
     QVERIFY(like->isChecked());
 
     card.setLikeEnabled(false, QStringLiteral("Log in to like scripts"));
     QVERIFY(!like->isEnabled());
-    QCOMPARE(like->toolTip(), QStringLiteral("Log in to like scripts"));
     card.setLiked(false);
     card.updateLikeButton();
     QCOMPARE(like->toolTip(), QStringLiteral("Log in to like scripts"));
-}
-
-void ResourceCardsTest::defaultsForMissingKeys()
-{
-    ScriptCard card(QJsonObject{{QStringLiteral("name"), QStringLiteral("Bare")}});
-    QCOMPARE(card.scriptId(), QStringLiteral("unknown"));
-    QVERIFY(button(&card, "scriptCardDownloadButton")->isEnabled());
-    QVERIFY(button(&card, "scriptCardLikeButton")->text().isEmpty());
-    QVERIFY(visibleLabelTexts(&card).contains(QStringLiteral("0 downloads")));
-}
-
-void ResourceCardsTest::environmentCardWithAndWithoutMetadata()
-{
-    QenvCard card(BrowserTestData::environment(QStringLiteral("e1")));
-    QStringList texts = visibleLabelTexts(&card);
-    QVERIFY(texts.contains(QStringLiteral("QENV")));
-    QVERIFY(texts.contains(QStringLiteral("Python 3.11")));
-    QVERIFY(texts.contains(QStringLiteral("12 downloads • 7 packages")));
-    // Environments show no version in the meta line.
-    QVERIFY(texts.contains(QStringLiteral("Today by ada")));
-    QPushButton *install = button(&card, "qenvCardInstallButton");
-    QVERIFY(install);
-    QVERIFY(!button(&card, "scriptCardDownloadButton"));
-    QCOMPARE(button(&card, "scriptCardLikeButton")->toolTip(), QStringLiteral("Like this environment"));
-
-    QJsonObject bare = BrowserTestData::environment(QStringLiteral("e2"));
-    bare.remove(QStringLiteral("qenv_metadata"));
-    QenvCard withoutMetadata(bare);
-    texts = visibleLabelTexts(&withoutMetadata);
-    QVERIFY(texts.contains(QStringLiteral("Python 3.x")));
-    QVERIFY(texts.contains(QStringLiteral("12 downloads • 0 packages")));
-}
-
-void ResourceCardsTest::weightsCardsPlainAndEncrypted()
-{
-    OnnxCard plain(BrowserTestData::weights(QStringLiteral("w1")));
-    const QLabel *onnx = labelWithText(&plain, QStringLiteral("ONNX"));
-    QVERIFY(onnx);
-    QVERIFY(onnx->styleSheet().contains(QLatin1String("#00a0b0")));
-    QCOMPARE(button(&plain, "scriptCardDownloadButton")->text(), QStringLiteral("Download (1.5 MB)"));
-    QCOMPARE(button(&plain, "scriptCardLikeButton")->toolTip(), QStringLiteral("Like these weights"));
-    QVERIFY(visibleLabelTexts(&plain).contains(QStringLiteral("v1.00 • Today by ada")));
-
-    QJsonObject item = BrowserTestData::weights(QStringLiteral("w2"));
-    item.insert(QStringLiteral("is_encrypted"), 1);
-    item.insert(QStringLiteral("size"), 1023);
-    OnnxCard encrypted(item);
-    const QLabel *ennx = labelWithText(&encrypted, QStringLiteral("ENNX"));
-    QVERIFY(ennx);
-    QVERIFY(ennx->styleSheet().contains(QLatin1String("#8e44ad")));
-    QVERIFY(!labelWithText(&encrypted, QStringLiteral("ONNX")));
-    QCOMPARE(button(&encrypted, "scriptCardDownloadButton")->text(), QStringLiteral("Download (1023 B)"));
-
-    item.insert(QStringLiteral("size"), qint64(3) * 1073741824);
-    OnnxCard large(item);
-    QCOMPARE(button(&large, "scriptCardDownloadButton")->text(), QStringLiteral("Download (3.0 GB)"));
-}
-
-void ResourceCardsTest::restrictedEnvironmentsAndWeightsExplainTheirDownload()
-{
-    QJsonObject environment = BrowserTestData::environment(QStringLiteral("e1"));
-    environment.insert(QStringLiteral("visibility_type"), QStringLiteral("purchasable"));
-    environment.insert(QStringLiteral("can_download"), false);
-    QenvCard lockedEnvironment(environment);
-    QCOMPARE(button(&lockedEnvironment, "qenvCardInstallButton")->toolTip(),
-             QStringLiteral("This environment is purchasable. Contact the author for access."));
-    QVERIFY(!button(&lockedEnvironment, "qenvCardInstallButton")->isEnabled());
-
-    QJsonObject weights = BrowserTestData::weights(QStringLiteral("w1"));
-    weights.insert(QStringLiteral("visibility_type"), QStringLiteral("private"));
-    weights.insert(QStringLiteral("can_download"), false);
-    OnnxCard privateWeights(weights);
-    QCOMPARE(button(&privateWeights, "scriptCardDownloadButton")->toolTip(),
-             QStringLiteral("These weights are private. You need authorization from the author."));
-    QVERIFY(visibleLabelTexts(&privateWeights).contains(QStringLiteral("PRIVATE")));
+    // Reused for another record, the card keeps the sign-in state but not the previous record's like.
+    card.setLiked(true);
+    card.bind(BrowserTestData::script(QStringLiteral("s2")));
+    QVERIFY(!like->isChecked());
+    QVERIFY(!like->isEnabled());
+    QCOMPARE(like->toolTip(), QStringLiteral("Log in to like scripts"));
 }
 
 void ResourceCardsTest::cardSignalsCarryTheId()
@@ -297,7 +310,7 @@ void ResourceCardsTest::cardSignalsCarryTheId()
     QenvCard environment(BrowserTestData::environment(QStringLiteral("e7")));
     QSignalSpy installs(&environment, &QenvCard::installClicked);
     QSignalSpy clicks(&environment, &QenvCard::clicked);
-    button(&environment, "qenvCardInstallButton")->click();
+    actionButton(&environment)->click();
     QTest::mouseClick(&environment, Qt::LeftButton, {}, QPoint(140, 60));
     QCOMPARE(installs.size(), 1);
     QCOMPARE(installs.first().first().toString(), QStringLiteral("e7"));
@@ -305,79 +318,80 @@ void ResourceCardsTest::cardSignalsCarryTheId()
     QCOMPARE(clicks.first().first().toString(), QStringLiteral("e7"));
 
     OnnxCard weights(BrowserTestData::weights(QStringLiteral("w7")));
+    weights.bind(BrowserTestData::weights(QStringLiteral("w8")));
     QSignalSpy downloads(&weights, &OnnxCard::downloadClicked);
-    button(&weights, "scriptCardDownloadButton")->click();
-    QCOMPARE(downloads.first().first().toString(), QStringLiteral("w7"));
+    actionButton(&weights)->click();
+    QCOMPARE(downloads.first().first().toString(), QStringLiteral("w8"));
 }
 
-void ResourceCardsTest::thumbnails()
+void ResourceCardsTest::thumbnailsAreFetchedOnceWhileCached()
 {
     RecordingHttpServer server;
     QVERIFY(server.listen());
     server.setRule(QStringLiteral("/wide.png"), ScriptedResponse::bytes(pngBytes(QSize(800, 200)), "image/png"));
+    server.setRule(QStringLiteral("/other.png"), ScriptedResponse::bytes(pngBytes(QSize(300, 300)), "image/png"));
     server.setRule(QStringLiteral("/garbage.png"), ScriptedResponse::bytes("not an image", "image/png"));
     server.setRule(QStringLiteral("/missing.png"), ScriptedResponse::bytes("gone", "text/plain", 404));
-
-    const auto cardWith = [&](const QString &address) {
-        QJsonObject item = BrowserTestData::script(QStringLiteral("s1"));
-        item.insert(QStringLiteral("thumbnail"), address);
-        return std::make_unique<ScriptCard>(item);
+    const auto picture = [&](const QString &path) {
+        const QString address = path.isEmpty() ? QString() : server.url(path).toString();
+        auto card = std::make_unique<ScriptCard>(BrowserTestData::record("script", "s1", {{"thumbnail", address}}));
+        return std::make_pair(std::move(card), card->findChild<QLabel *>(QStringLiteral("cardThumbnail")));
     };
-    const QString page = QStringLiteral("\U0001F4C4");
-    const QString hourglass = QStringLiteral("\u23F3");
+    const auto fetches = [&](const QString &path) {
+        int count = 0;
+        for (const RecordedRequest &request : server.requests())
+            count += request.path() == path;
+        return count;
+    };
 
-    auto none = cardWith(QString());
-    QCOMPARE(none->findChild<QLabel *>(QStringLiteral("cardThumbnail"))->text(), page);
-
-    auto wide = cardWith(server.url(QStringLiteral("/wide.png")).toString());
-    const QLabel *picture = wide->findChild<QLabel *>(QStringLiteral("cardThumbnail"));
-    QCOMPARE(picture->text(), hourglass);
-    QTRY_VERIFY(!picture->pixmap().isNull());
+    QCOMPARE(picture(QString()).second->text(), pageGlyph);
+    auto [first, wide] = picture(QStringLiteral("/wide.png"));
+    QCOMPARE(wide->text(), QStringLiteral("\u23F3"));
+    auto [second, waiting] = picture(QStringLiteral("/wide.png"));
+    QTRY_VERIFY(!wide->pixmap().isNull());
     const qreal ratio = QGuiApplication::primaryScreen()->devicePixelRatio();
-    QCOMPARE(picture->pixmap().size(), QSize(int(picture->width() * ratio), int(picture->height() * ratio)));
-    QCOMPARE(picture->pixmap().devicePixelRatio(), ratio);
+    QCOMPARE(wide->pixmap().size(), QSize(int(wide->width() * ratio), int(wide->height() * ratio)));
+    QCOMPARE(wide->pixmap().devicePixelRatio(), ratio);
+    QVERIFY(!waiting->pixmap().isNull());
+    QVERIFY(!picture(QStringLiteral("/wide.png")).second->pixmap().isNull());
+    QCOMPARE(fetches(QStringLiteral("/wide.png")), 1);
 
-    auto garbage = cardWith(server.url(QStringLiteral("/garbage.png")).toString());
-    auto missing = cardWith(server.url(QStringLiteral("/missing.png")).toString());
-    QTRY_COMPARE(garbage->findChild<QLabel *>(QStringLiteral("cardThumbnail"))->text(), page);
-    QTRY_COMPARE(missing->findChild<QLabel *>(QStringLiteral("cardThumbnail"))->text(), page);
-    QVERIFY(missing->findChild<QLabel *>(QStringLiteral("cardThumbnail"))->pixmap().isNull());
+    auto [garbageCard, garbage] = picture(QStringLiteral("/garbage.png"));
+    auto [missingCard, missing] = picture(QStringLiteral("/missing.png"));
+    QTRY_COMPARE(garbage->text(), pageGlyph);
+    QTRY_COMPARE(missing->text(), pageGlyph);
+    QVERIFY(missing->pixmap().isNull());
+
+    // The budget counts bytes: room for one picture only pushes the first one out when the second arrives.
+    const QImage one = wide->pixmap().toImage();
+    ThumbnailCache::instance()->setBudget(one.sizeInBytes());
+    auto [otherCard, other] = picture(QStringLiteral("/other.png"));
+    QTRY_VERIFY(!other->pixmap().isNull());
+    auto [again, refetched] = picture(QStringLiteral("/wide.png"));
+    QTRY_VERIFY(!refetched->pixmap().isNull());
+    QCOMPARE(fetches(QStringLiteral("/wide.png")), 2);
+    ThumbnailCache::instance()->setBudget(ThumbnailCache::defaultBudget);
 }
 
 void ResourceCardsTest::authorTextsAreNeverRenderedAsMarkup()
 {
     const QString name = QStringLiteral("<h1 style='color:red'>Warning</h1><a href='x'>Click here to update now</a>");
-    QJsonObject fields{
-            {QStringLiteral("name"), name},
-            {QStringLiteral("description"), QStringLiteral("<img src='x'><b>System alert</b>")},
-            {QStringLiteral("author"), QStringLiteral("<i>Quorix Team</i>")},
-            {QStringLiteral("type"), QStringLiteral("<u>gpc3</u>")},
-            {QStringLiteral("visibility_type"), QStringLiteral("<b>odd</b>")},
-            {QStringLiteral("qenv_metadata"), QJsonObject{{QStringLiteral("python"), QStringLiteral("<b>3</b>")}}}};
-    const auto withId = [&](const QString &id) {
-        QJsonObject record = fields;
-        record.insert(QStringLiteral("id"), id);
-        return record;
-    };
-    const std::vector<std::unique_ptr<QWidget>> cards = [&] {
-        std::vector<std::unique_ptr<QWidget>> made;
-        made.push_back(std::make_unique<ScriptCard>(withId(QStringLiteral("s")), nullptr));
-        made.push_back(std::make_unique<QenvCard>(withId(QStringLiteral("e")), nullptr));
-        made.push_back(std::make_unique<OnnxCard>(withId(QStringLiteral("w")), nullptr));
-        return made;
-    }();
-    for (const auto &card : cards) {
-        const auto labels = card->findChildren<QLabel *>();
-        for (const QLabel *label : labels) {
+    const QJsonObject fields{{"name", name},
+                             {"description", "<img src='x'><b>System alert</b>"},
+                             {"author", "<i>Quorix Team</i>"},
+                             {"type", "<u>gpc3</u>"},
+                             {"visibility_type", "<b>odd</b>"},
+                             {"qenv_metadata", QJsonObject{{"python", "<b>3</b>"}}}};
+    for (const QString kind : {"script", "qenv", "onnx"}) {
+        const auto card = makeCard(kind, fields);
+        const QLabel *nameLabel = nullptr;
+        for (const QLabel *label : card->findChildren<QLabel *>()) {
             QVERIFY2(label->textFormat() == Qt::PlainText || !Qt::mightBeRichText(label->text()),
                      qPrintable(label->text()));
-        }
-        // The elided name's tool tip shows the name as written.
-        const QLabel *nameLabel = nullptr;
-        for (const QLabel *label : labels) {
             if (!label->toolTip().isEmpty())
                 nameLabel = label;
         }
+        // The elided name's tool tip shows the name as written.
         QVERIFY(nameLabel);
         QTextDocument shown;
         shown.setHtml(nameLabel->toolTip());

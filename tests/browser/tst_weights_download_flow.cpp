@@ -3,7 +3,6 @@
 #include "TemporaryHome.h"
 #include "TestFiles.h"
 #include "browser/OnlineResourcesWidget.h"
-#include "browser/OnnxCard.h"
 #include "browser/WeightsLibrary.h"
 
 #include <PluginHost.h>
@@ -16,6 +15,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QTest>
+#include <QToolButton>
 
 #include <memory>
 
@@ -120,7 +120,8 @@ private slots:
         page->setPluginHost(&host);
         page->setSettingsManager(SettingsManager::instance());
         page->findChild<QComboBox *>("typeFilter")->setCurrentIndex(4);
-        QTRY_COMPARE(page->findChildren<OnnxCard *>().size(), 2);
+        // The page is never shown, so it makes no cards; the list has arrived once loading has ended.
+        QTRY_VERIFY(page->findChild<QToolButton *>("refreshButton")->isEnabled());
     }
 
     void cleanup() { page.reset(); }
