@@ -1,10 +1,12 @@
 #include "CatalogueApi.h"
 
+#include "CrashPoint.h"
 #include "MultipartForm.h"
 #include "QenvPackage.h"
 #include "ResourceFiles.h"
 
 #include <QBuffer>
+#include <QCryptographicHash>
 #include <QFileInfo>
 #include <QImage>
 #include <QImageReader>
@@ -112,9 +114,39 @@ CatalogueApi::CatalogueApi(CatalogueDatabase *database, const Settings &settings
     , settings(settings)
 { }
 
-qint64 CatalogueApi::bodyLimit()
+BodyPolicy CatalogueApi::bodyPolicy(const ApiRequest &head)
 {
-    return weightsLimit + imageLimit + formOverhead;
+    BodyPolicy policy;
+    policy.limit = jsonBodyLimit;
+    policy.refusal = QStringLiteral("Request body too large");
+    const QStringList &path = head.segments;
+    const bool upload
+            = head.method == "POST" && path.size() >= 3 && path.size() <= 4 && path.at(0) == QLatin1String("api")
+              && path.at(1) == QLatin1String("scripts") && path.last() == QLatin1String("upload")
+              && (path.size() == 3 || path.at(2) == QLatin1String("qenv") || path.at(2) == QLatin1String("onnx"));
+    if (!upload)
+        return policy;
+    const bool weights = path.size() == 4 && path.at(2) == QLatin1String("onnx");
+    const qint64 fileLimit = weights ? weightsLimit : scriptLimit;
+    policy.multipart = true;
+    policy.limit = fileLimit + imageLimit + formOverhead;
+    policy.refusal = QStringLiteral("File too large (max %1)").arg(limitText(fileLimit));
+    policy.formLimits.text = formOverhead;
+    policy.formLimits.files
+            = {{weights ? QStringLiteral("onnx_file") : QStringLiteral("script_file"), fileLimit, policy.refusal},
+               {QStringLiteral("header_image"), imageLimit,
+                QStringLiteral("Image too large (max %1)").arg(limitText(imageLimit))}};
+    return policy;
+}
+
+std::optional<ApiResponse> CatalogueApi::admit(const ApiRequest &head)
+{
+    const CatalogueDatabase::User user = identify(head);
+    if (!user.isValid())
+        return forClient(head, ApiResponse::error(401, authenticationRequired));
+    if (user.banned)
+        return forClient(head, ApiResponse::error(403, QStringLiteral("Your account has been banned from uploading")));
+    return std::nullopt;
 }
 
 ApiResponse CatalogueApi::handle(const ApiRequest &request)
@@ -122,9 +154,11 @@ ApiResponse CatalogueApi::handle(const ApiRequest &request)
     Context context{request, identify(request), {}};
     context.caller.userId = context.user.id;
     context.caller.administrator = isAdministrator(context.user);
-    if (request.body.size() > bodyLimit())
-        return ApiResponse::error(413, QStringLiteral("Request body too large"));
-    ApiResponse response = route(context);
+    return forClient(request, route(context));
+}
+
+ApiResponse CatalogueApi::forClient(const ApiRequest &request, ApiResponse response)
+{
     // The plugin (API version 4) reads a refusal from the body of a successful reply and turns any HTTP error status
     // into a bare transport message, which would hide our reason from the user. 413 keeps its status: the plugin
     // reports it as the upload size limit.
@@ -358,13 +392,15 @@ ApiResponse CatalogueApi::download(Context &context, const QString &kind, const 
     const QString path = ResourceFiles(settings.dataDirectory).resourceFile(id);
     if (!QFileInfo::exists(path))
         return ApiResponse::error(410, QStringLiteral("The file of this resource is missing"));
-    database->countDownload(id, context.caller);
+    if (context.request.method != "HEAD")
+        database->countDownload(id, context.caller);
     QString name = resource.fileName;
     // Encrypted weights only run inside Quorix, which recognises them by this extension.
     if (resource.kind == QLatin1String("onnx") && resource.encrypted)
         name = QFileInfo(name).completeBaseName() + QStringLiteral(".ennx");
     ApiResponse response = ApiResponse::file(path, "application/octet-stream", name);
-    response.reprDigest = digests.reprDigest(path);
+    response.reprDigest
+            = resource.sha256.isEmpty() ? digests.reprDigest(path) : "sha-256=:" + resource.sha256.toBase64() + ':';
     return response;
 }
 
@@ -376,14 +412,11 @@ ApiResponse CatalogueApi::upload(Context &context, const QString &kind)
         return ApiResponse::error(403, QStringLiteral("Your account has been banned from uploading"));
     const bool weights = kind == QLatin1String("onnx");
     const qint64 fileLimit = weights ? weightsLimit : scriptLimit;
-    if (context.request.body.size() > fileLimit + imageLimit + formOverhead)
-        return ApiResponse::error(413, QStringLiteral("File too large (max %1)").arg(limitText(fileLimit)));
-
-    QString parseError;
-    const MultipartForm form
-            = MultipartForm::parse(context.request.header("content-type"), context.request.body, &parseError);
-    if (!parseError.isEmpty())
-        return ApiResponse::error(400, parseError);
+    if (!context.request.form)
+        return ApiResponse::error(400, QStringLiteral("Expected a multipart/form-data body"));
+    const MultipartForm &form = *context.request.form;
+    if (form.status() != 0)
+        return ApiResponse::error(form.status(), form.error());
 
     CatalogueDatabase::ResourceWrite write;
     write.authorId = context.user.id;
@@ -466,7 +499,7 @@ ApiResponse CatalogueApi::upload(Context &context, const QString &kind)
             return ApiResponse::error(400, QStringLiteral("The file is empty"));
         if (write.kind == QLatin1String("qenv")) {
             QString qenvError;
-            const QenvPackage package = QenvPackage::parse(form.data(*file), &qenvError);
+            const QenvPackage package = QenvPackage::parse(form.contents(*file), &qenvError);
             if (!qenvError.isEmpty())
                 return ApiResponse::error(400, qenvError);
             write.metadata = package.metadata();
@@ -484,14 +517,13 @@ ApiResponse CatalogueApi::upload(Context &context, const QString &kind)
         return ApiResponse::error(400, QStringLiteral("Weights are published through onnx/upload"));
 
     QByteArray thumbnail;
-    QByteArrayView header;
+    QByteArray header;
     if (const MultipartForm::Part *imagePart = form.part(QStringLiteral("header_image"));
         imagePart && imagePart->size > 0) {
         if (imagePart->size > imageLimit)
             return ApiResponse::error(413, QStringLiteral("Image too large (max %1)").arg(limitText(imageLimit)));
-        header = form.data(*imagePart);
-        QByteArray headerBytes = QByteArray::fromRawData(header.data(), header.size());
-        QBuffer buffer(&headerBytes);
+        header = form.contents(*imagePart);
+        QBuffer buffer(&header);
         QImageReader reader(&buffer);
         const QByteArray format = reader.format();
         const QImage picture = reader.read();
@@ -506,18 +538,24 @@ ApiResponse CatalogueApi::upload(Context &context, const QString &kind)
 
     write.id = existing.isValid() ? existing.id : QUuid::createUuid().toString(QUuid::WithoutBraces);
     ResourceFiles files(settings.dataDirectory);
-    if (!files.prepare() || (file && !files.stage(files.resourceFile(write.id), form.data(*file)))
+    if (file)
+        write.sha256 = file->sha256;
+    if (write.replaceImage)
+        write.imageSha256 = QCryptographicHash::hash(header, QCryptographicHash::Sha256);
+    if (!files.prepare() || (file && !files.stageFile(files.resourceFile(write.id), file->stagedPath))
         || (write.replaceImage
             && (!files.stage(files.headerImage(write.id), header)
                 || !files.stage(files.thumbnailImage(write.id), thumbnail))))
         return ApiResponse::error(507, QStringLiteral("Cannot store the upload"));
+    CrashPoint::reach("before-commit");
     if (!database->transaction())
         return ApiResponse::error(503, QStringLiteral("The catalogue is busy"));
-    if (!database->writeResource(write, !existing.isValid()) || !files.install() || !database->commit()) {
+    if (!database->writeResource(write, !existing.isValid()) || !database->commit()) {
         database->rollback();
         return ApiResponse::error(503, QStringLiteral("Cannot store the upload"));
     }
-    files.confirm();
+    // The record is committed: a failed rename now is finished by the next start, not undone.
+    files.publish();
     QJsonObject record = withOrigin(database->record(write.id, context.caller), context.request.origin);
     return ApiResponse::json(
             {{QStringLiteral("success"), true},

@@ -43,6 +43,9 @@ public:
         bool encrypted = false;
         bool hasImage = false;
         QString imageType;
+        // Raw SHA-256 of the stored file as uploaded; empty for files stored before digests were kept.
+        QByteArray sha256;
+        QByteArray imageSha256;
         bool isValid() const { return !id.isEmpty(); }
     };
 
@@ -81,6 +84,8 @@ public:
         QJsonObject metadata;
         QString imageType;
         QDateTime created;
+        QByteArray sha256;
+        QByteArray imageSha256;
         bool replaceFile = false;
         bool replaceImage = false;
     };

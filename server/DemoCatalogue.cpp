@@ -5,6 +5,7 @@
 #include "QenvPackage.h"
 #include "ResourceFiles.h"
 
+#include <QCryptographicHash>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QRandomGenerator>
@@ -309,9 +310,12 @@ bool DemoCatalogue::seedIfEmpty(QString *error)
     for (int i = 0; i < writes.size(); ++i) {
         CatalogueDatabase::ResourceWrite &write = writes[i];
         write.fileSize = contents.at(i).size();
+        write.sha256 = QCryptographicHash::hash(contents.at(i), QCryptographicHash::Sha256);
         const QImage header = DemoArtwork::header(write.name, write.subtype, random.generate());
+        const QByteArray headerPng = DemoArtwork::png(header);
+        write.imageSha256 = QCryptographicHash::hash(headerPng, QCryptographicHash::Sha256);
         if (!files.stage(files.resourceFile(write.id), contents.at(i))
-            || !files.stage(files.headerImage(write.id), DemoArtwork::png(header))
+            || !files.stage(files.headerImage(write.id), headerPng)
             || !files.stage(
                     files.thumbnailImage(write.id),
                     DemoArtwork::png(header.scaled(560, 286, Qt::IgnoreAspectRatio, Qt::SmoothTransformation)))) {
@@ -350,13 +354,12 @@ bool DemoCatalogue::seedIfEmpty(QString *error)
                                 expires, &code)
                         != CatalogueDatabase::GrantOutcome::Failed;
     }
-    if (!ok || !files.install() || !database->commit()) {
+    if (!ok || !database->commit()) {
         database->rollback();
         *error = QStringLiteral("Cannot store the demo catalogue");
         return false;
     }
-    files.confirm();
-    return true;
+    return files.publish();
 }
 
 } // namespace Quorix
