@@ -580,6 +580,7 @@ ApiResponse CatalogueApi::removeResource(Context &context, const QString &kind, 
         database->rollback();
         return ApiResponse::error(503, QStringLiteral("Cannot delete the resource"));
     }
+    CrashPoint::reach("after-delete-commit");
     ResourceFiles(settings.dataDirectory).removeResource(id);
     return ApiResponse::success(QJsonObject{{QStringLiteral("id"), id}});
 }

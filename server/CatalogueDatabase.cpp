@@ -546,6 +546,17 @@ void CatalogueDatabase::countView(const QString &id)
     query.exec();
 }
 
+QStringList CatalogueDatabase::resourceIds()
+{
+    QSqlQuery query(database());
+    QStringList ids;
+    if (query.exec(QStringLiteral("SELECT id FROM resources"))) {
+        while (query.next())
+            ids.append(query.value(0).toString());
+    }
+    return ids;
+}
+
 int CatalogueDatabase::resourceCount()
 {
     QSqlQuery query(database());

@@ -126,6 +126,7 @@ public:
     bool deleteResource(const QString &id);
     void countView(const QString &id);
     int resourceCount();
+    QStringList resourceIds();
     void setCounters(const QString &id, qint64 downloads, qint64 views);
     void countDownload(const QString &id, const Caller &caller);
     // Toggles the caller's like; returns the new state and count through the pointers.

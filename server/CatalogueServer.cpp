@@ -3,8 +3,10 @@
 #include "CatalogueApi.h"
 #include "CatalogueDatabase.h"
 #include "DemoCatalogue.h"
+#include "StorageReconciliation.h"
 
 #include <QCoreApplication>
+#include <QDebug>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -68,6 +70,8 @@ bool CatalogueServer::start(QString *error)
     database = std::make_unique<CatalogueDatabase>(directory + QStringLiteral("/catalogue.sqlite"));
     if (!database->open(error))
         return false;
+    for (const QString &action : StorageReconciliation(database.get(), directory).run())
+        qInfo().noquote() << QStringLiteral("catalogue-server: start-up check: ") + action;
     if (options.seedDemo && !DemoCatalogue(database.get(), directory).seedIfEmpty(error))
         return false;
 

@@ -68,6 +68,7 @@ bool CatalogueServerFixture::startProcess(const QStringList &arguments,
         process->waitForFinished(10000);
     }
     process = std::make_unique<QProcess>();
+    output.clear();
     process->setProcessChannelMode(QProcess::MergedChannels);
     QProcessEnvironment variables = QProcessEnvironment::systemEnvironment();
     for (const auto &variable : environment)

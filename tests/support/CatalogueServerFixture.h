@@ -48,7 +48,7 @@ public:
     bool startProcess(const QStringList &arguments = {}, const QList<QPair<QString, QString>> &environment = {});
     // Waits (at most 30 s) for the program to end, as it does when a crash point aborts it; false if it did not.
     bool waitForProcessEnd();
-    // Everything the program printed so far.
+    // Everything the program last started printed so far.
     QByteArray processOutput();
     QString error() const { return startError; }
     quint16 port() const;
