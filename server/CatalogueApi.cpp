@@ -168,25 +168,37 @@ ApiResponse CatalogueApi::forClient(const ApiRequest &request, ApiResponse respo
     return response;
 }
 
-CatalogueDatabase::User CatalogueApi::identify(const ApiRequest &request)
+QString CatalogueApi::sessionToken(const ApiRequest &request)
 {
     static const QRegularExpression bearer(QStringLiteral("^Bearer ([0-9a-f]{64})$"));
-    const QRegularExpressionMatch match = bearer.match(QString::fromLatin1(request.header("authorization")));
-    if (!match.hasMatch())
+    return bearer.match(QString::fromLatin1(request.header("authorization"))).captured(1);
+}
+
+// Who is asking comes from the session alone: the profile was stored at sign-in, and what a client puts in its
+// headers never changes it, or any signed-in user could appear as another.
+CatalogueDatabase::User CatalogueApi::identify(const ApiRequest &request)
+{
+    const QString token = sessionToken(request);
+    if (token.isEmpty())
         return {};
-    CatalogueDatabase::User user = database->userForToken(match.captured(1));
-    if (!user.isValid())
-        return user;
-    // The host sends the profile it got from Discord with every request; keep ours current with it.
-    const QString username = QString::fromUtf8(request.header("x-discord-username")).left(64);
-    const QString globalName = QString::fromUtf8(request.header("x-discord-globalname")).left(64);
-    const QString avatar = QString::fromUtf8(request.header("x-discord-avatar")).left(128);
-    if ((!username.isEmpty() && username != user.username) || (!globalName.isEmpty() && globalName != user.globalName)
-        || !avatar.isEmpty()) {
-        database->updateProfile(user.id, username, globalName, avatar);
-        user = database->userById(user.id);
-    }
-    return user;
+    return database->userForToken(token, settings.sessionLifetimeSeconds);
+}
+
+ApiResponse CatalogueApi::signOut(Context &context)
+{
+    if (!context.user.isValid())
+        return ApiResponse::error(401, authenticationRequired);
+    database->endSession(sessionToken(context.request));
+    return ApiResponse::json({{QStringLiteral("success"), true}});
+}
+
+ApiResponse CatalogueApi::refuseBanned(const Context &context)
+{
+    if (!context.user.isValid())
+        return ApiResponse::error(401, authenticationRequired);
+    if (context.user.banned)
+        return ApiResponse::error(403, QStringLiteral("Your account has been banned"));
+    return {};
 }
 
 bool CatalogueApi::isAdministrator(const CatalogueDatabase::User &user) const
@@ -205,6 +217,8 @@ ApiResponse CatalogueApi::route(Context &context)
     if (path.size() == 3 && path.at(0) == QLatin1String("images")
         && (path.at(2) == QLatin1String("header") || path.at(2) == QLatin1String("thumbnail")))
         return get ? image(path.at(1), path.at(2)) : wrongMethod;
+    if (path == QStringList{QStringLiteral("api"), QStringLiteral("auth"), QStringLiteral("sign-out")})
+        return post ? signOut(context) : wrongMethod;
     if (path == QStringList{QStringLiteral("api"), QStringLiteral("auth"), QStringLiteral("dev-login")}) {
         if (!settings.devLogin)
             return ApiResponse::error(404, QStringLiteral("Not found"));
@@ -565,8 +579,8 @@ ApiResponse CatalogueApi::upload(Context &context, const QString &kind)
 
 ApiResponse CatalogueApi::removeResource(Context &context, const QString &kind, const QString &id)
 {
-    if (!context.user.isValid())
-        return ApiResponse::error(401, authenticationRequired);
+    if (ApiResponse refusal = refuseBanned(context); refusal.status != 200)
+        return refusal;
     if (!isResourceId(id))
         return ApiResponse::error(400, QStringLiteral("Invalid resource ID"));
     const CatalogueDatabase::Resource resource = database->resource(id);
@@ -587,8 +601,8 @@ ApiResponse CatalogueApi::removeResource(Context &context, const QString &kind, 
 
 ApiResponse CatalogueApi::toggleLike(Context &context, const QString &kind, const QString &id)
 {
-    if (!context.user.isValid())
-        return ApiResponse::error(401, authenticationRequired);
+    if (ApiResponse refusal = refuseBanned(context); refusal.status != 200)
+        return refusal;
     CatalogueDatabase::Resource resource;
     ApiResponse failure = findVisible(context, kind, id, &resource);
     if (failure.status != 200)
@@ -641,10 +655,13 @@ ApiResponse CatalogueApi::checkExisting(Context &context)
     return ApiResponse::json(reply);
 }
 
-ApiResponse CatalogueApi::findManaged(Context &context, const QString &id, CatalogueDatabase::Resource *resource)
+ApiResponse CatalogueApi::findManaged(Context &context, const QString &id, CatalogueDatabase::Resource *resource,
+                                      bool toWrite)
 {
     if (!context.user.isValid())
         return ApiResponse::error(401, authenticationRequired);
+    if (toWrite && context.user.banned)
+        return refuseBanned(context);
     if (!isResourceId(id))
         return ApiResponse::error(400, QStringLiteral("Invalid resource ID"));
     *resource = database->resource(id);
@@ -658,7 +675,7 @@ ApiResponse CatalogueApi::findManaged(Context &context, const QString &id, Catal
 ApiResponse CatalogueApi::listAuthorizations(Context &context, const QString &id)
 {
     CatalogueDatabase::Resource resource;
-    ApiResponse failure = findManaged(context, id, &resource);
+    ApiResponse failure = findManaged(context, id, &resource, false);
     if (failure.status != 200)
         return failure;
     int offset = 0;
@@ -675,7 +692,7 @@ ApiResponse CatalogueApi::listAuthorizations(Context &context, const QString &id
 ApiResponse CatalogueApi::authorize(Context &context, const QString &id)
 {
     CatalogueDatabase::Resource resource;
-    ApiResponse failure = findManaged(context, id, &resource);
+    ApiResponse failure = findManaged(context, id, &resource, true);
     if (failure.status != 200)
         return failure;
     QJsonObject body;
@@ -723,7 +740,7 @@ ApiResponse CatalogueApi::authorize(Context &context, const QString &id)
 ApiResponse CatalogueApi::bulkAuthorize(Context &context, const QString &id)
 {
     CatalogueDatabase::Resource resource;
-    ApiResponse failure = findManaged(context, id, &resource);
+    ApiResponse failure = findManaged(context, id, &resource, true);
     if (failure.status != 200)
         return failure;
     QJsonObject body;
@@ -785,7 +802,7 @@ ApiResponse CatalogueApi::bulkAuthorize(Context &context, const QString &id)
 ApiResponse CatalogueApi::revoke(Context &context, const QString &id)
 {
     CatalogueDatabase::Resource resource;
-    ApiResponse failure = findManaged(context, id, &resource);
+    ApiResponse failure = findManaged(context, id, &resource, true);
     if (failure.status != 200)
         return failure;
     QJsonObject body;
@@ -811,8 +828,8 @@ ApiResponse CatalogueApi::revoke(Context &context, const QString &id)
 
 ApiResponse CatalogueApi::claim(Context &context)
 {
-    if (!context.user.isValid())
-        return ApiResponse::error(401, authenticationRequired);
+    if (ApiResponse refusal = refuseBanned(context); refusal.status != 200)
+        return refusal;
     const int claimed = database->claimPending(context.user);
     return ApiResponse::json({{QStringLiteral("success"), true}, {QStringLiteral("claimed"), claimed}});
 }
@@ -845,7 +862,7 @@ ApiResponse CatalogueApi::ban(Context &context, const QString &discordId, bool b
 ApiResponse CatalogueApi::updateVisibility(Context &context, const QString &id)
 {
     CatalogueDatabase::Resource resource;
-    ApiResponse failure = findManaged(context, id, &resource);
+    ApiResponse failure = findManaged(context, id, &resource, true);
     if (failure.status != 200)
         return failure;
     QJsonObject body;

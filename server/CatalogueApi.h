@@ -23,6 +23,7 @@ public:
         QString dataDirectory;
         bool devLogin = false;
         QSet<QString> administratorIds;
+        qint64 sessionLifetimeSeconds = 30 * 24 * 3600;
     };
 
     static constexpr qint64 scriptLimit = 10 * 1024 * 1024;
@@ -52,8 +53,12 @@ private:
     static ApiResponse forClient(const ApiRequest &request, ApiResponse response);
     ApiResponse routeKind(Context &context, const QString &kind, const QStringList &rest);
     CatalogueDatabase::User identify(const ApiRequest &request);
+    static QString sessionToken(const ApiRequest &request);
+    // 401 for no one, 403 for a banned user, 200 (nothing to say) for anyone who may write.
+    static ApiResponse refuseBanned(const Context &context);
 
     ApiResponse devLogin(Context &context);
+    ApiResponse signOut(Context &context);
     ApiResponse list(Context &context, const QString &kind);
     ApiResponse details(Context &context, const QString &kind, const QString &id);
     ApiResponse download(Context &context, const QString &kind, const QString &id);
@@ -75,7 +80,7 @@ private:
     ApiResponse findVisible(Context &context, const QString &kind, const QString &id,
                             CatalogueDatabase::Resource *resource);
     // Finds a resource whose access list the caller manages.
-    ApiResponse findManaged(Context &context, const QString &id, CatalogueDatabase::Resource *resource);
+    ApiResponse findManaged(Context &context, const QString &id, CatalogueDatabase::Resource *resource, bool toWrite);
     QJsonObject withOrigin(QJsonObject record, const QString &origin) const;
     bool isAdministrator(const CatalogueDatabase::User &user) const;
 

@@ -256,14 +256,24 @@ const QString userColumns = QStringLiteral("u.id, u.discord_id, u.username, u.gl
 
 } // namespace
 
-CatalogueDatabase::User CatalogueDatabase::userForToken(const QString &token)
+CatalogueDatabase::User CatalogueDatabase::userForToken(const QString &token, qint64 lifetimeSeconds)
 {
     QSqlQuery query(database());
-    query.prepare(QStringLiteral("SELECT %1 FROM sessions s JOIN users u ON u.id = s.user_id WHERE s.token_hash = ?")
+    query.prepare(QStringLiteral("SELECT %1 FROM sessions s JOIN users u ON u.id = s.user_id"
+                                 " WHERE s.token_hash = ? AND s.created > ?")
                           .arg(userColumns));
     query.addBindValue(hashToken(token));
+    query.addBindValue(timestamp(QDateTime::currentDateTimeUtc().addSecs(-lifetimeSeconds)));
     query.exec();
     return userFromQuery(query);
+}
+
+bool CatalogueDatabase::endSession(const QString &token)
+{
+    QSqlQuery query(database());
+    query.prepare(QStringLiteral("DELETE FROM sessions WHERE token_hash = ?"));
+    query.addBindValue(hashToken(token));
+    return query.exec() && query.numRowsAffected() == 1;
 }
 
 CatalogueDatabase::User CatalogueDatabase::userByDiscordId(const QString &discordId)
@@ -311,20 +321,6 @@ QString CatalogueDatabase::createSession(qint64 userId)
     query.addBindValue(userId);
     query.addBindValue(now());
     return query.exec() ? token : QString();
-}
-
-void CatalogueDatabase::updateProfile(qint64 userId, const QString &username, const QString &globalName,
-                                      const QString &avatar)
-{
-    QSqlQuery query(database());
-    query.prepare(QStringLiteral("UPDATE users SET username = COALESCE(NULLIF(?, ''), username),"
-                                 " global_name = COALESCE(NULLIF(?, ''), global_name),"
-                                 " avatar = COALESCE(NULLIF(?, ''), avatar) WHERE id = ?"));
-    query.addBindValue(username);
-    query.addBindValue(globalName);
-    query.addBindValue(avatar);
-    query.addBindValue(userId);
-    query.exec();
 }
 
 bool CatalogueDatabase::setBanned(const QString &discordId, bool banned, const QString &reason)

@@ -106,13 +106,14 @@ public:
     bool commit();
     void rollback();
 
-    User userForToken(const QString &token);
+    // The user of a session started less than lifetimeSeconds ago.
+    User userForToken(const QString &token, qint64 lifetimeSeconds);
+    bool endSession(const QString &token);
     User userByDiscordId(const QString &discordId);
     User userById(qint64 id);
     // Creates or renames the user and marks them as signed in.
     User signIn(const QString &discordId, const QString &username, const QString &globalName);
     QString createSession(qint64 userId);
-    void updateProfile(qint64 userId, const QString &username, const QString &globalName, const QString &avatar);
     bool setBanned(const QString &discordId, bool banned, const QString &reason);
 
     Resource resource(const QString &id);

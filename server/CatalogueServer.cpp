@@ -78,6 +78,7 @@ bool CatalogueServer::start(QString *error)
     CatalogueApi::Settings settings;
     settings.dataDirectory = directory;
     settings.devLogin = options.devLogin;
+    settings.sessionLifetimeSeconds = options.sessionLifetimeSeconds;
     for (const QString &id : std::as_const(options.administratorIds))
         settings.administratorIds.insert(id.trimmed());
     api = std::make_unique<CatalogueApi>(database.get(), settings);

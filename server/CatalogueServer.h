@@ -32,6 +32,7 @@ public:
         bool seedDemo = false;
         bool devLogin = false;
         QStringList administratorIds;
+        qint64 sessionLifetimeSeconds = 30 * 24 * 3600;
         HttpTransport::Limits limits;
     };
 

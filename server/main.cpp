@@ -78,7 +78,11 @@ int main(int argc, char *argv[])
             QStringLiteral("io-threads"),
             QStringLiteral("Threads for network and file I/O (default %1).").arg(defaults.threads), QStringLiteral("n"),
             QString::number(defaults.threads));
-    parser.addOptions({dataDirOption, portOption, bindOption, seedOption, devLoginOption, adminOption,
+    const QCommandLineOption sessionOption(
+            QStringLiteral("session-days"),
+            QStringLiteral("Days a sign-in stays valid (default 30; fractions allowed)."), QStringLiteral("days"),
+            QStringLiteral("30"));
+    parser.addOptions({dataDirOption, portOption, bindOption, seedOption, devLoginOption, adminOption, sessionOption,
                        headerTimeoutOption, bodyTimeoutOption, keepAliveOption, connectionsOption, threadsOption});
     parser.process(app);
 
@@ -118,6 +122,13 @@ int main(int argc, char *argv[])
         err << "catalogue-server: timeouts, --max-connections and --io-threads need whole numbers above 0\n";
         return 2;
     }
+    bool daysOk = false;
+    const double sessionDays = parser.value(sessionOption).toDouble(&daysOk);
+    if (!daysOk || !(sessionDays > 0) || sessionDays > 3650) {
+        err << "catalogue-server: --session-days needs a number above 0 and at most 3650\n";
+        return 2;
+    }
+    options.sessionLifetimeSeconds = qMax<qint64>(1, qint64(sessionDays * 24 * 3600));
     options.limits.headerTimeout = std::chrono::seconds(headerSeconds);
     options.limits.bodyIdleTimeout = std::chrono::seconds(bodySeconds);
     options.limits.keepAliveTimeout = std::chrono::seconds(keepAliveSeconds);

@@ -42,6 +42,8 @@ public:
     explicit CatalogueServerFixture(bool seedDemo = false, const QStringList &administratorIds = {});
     ~CatalogueServerFixture();
 
+    // Shortens sign-ins for an in-process server; call before start().
+    void setSessionLifetime(qint64 seconds) { options.sessionLifetimeSeconds = seconds; }
     // False with the server's message in error() when it could not start.
     bool start();
     // Starts the built catalogue-server program with these extra arguments and environment additions.
