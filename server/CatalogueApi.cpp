@@ -15,6 +15,8 @@
 #include <QRegularExpression>
 #include <QUuid>
 
+#include <cmath>
+
 namespace Quorix {
 
 namespace {
@@ -95,6 +97,19 @@ bool isDeletion(const ApiRequest &request)
            || request.queryValue(QStringLiteral("_method")).toUpper() == QLatin1String("DELETE")
            || request.header("x-http-method-override").toUpper() == "DELETE"
            || request.body.trimmed() == "_method=DELETE";
+}
+
+// Control characters and the bidirectional embeddings, overrides and isolates can make a name show as something it is
+// not ("exe.gpc3" shown for "3cpg.exe"), or break the lines and headers it is written into.
+bool hasHiddenCharacters(const QString &text)
+{
+    for (const QChar c : text) {
+        const char16_t u = c.unicode();
+        if (u < 0x20 || (u >= 0x7f && u < 0xa0) || (u >= 0x202a && u <= 0x202e) || (u >= 0x2066 && u <= 0x2069)
+            || u == 0x200e || u == 0x200f || u == 0x061c)
+            return true;
+    }
+    return false;
 }
 
 QString kindOfPath(const QString &kind)
@@ -216,7 +231,7 @@ ApiResponse CatalogueApi::route(Context &context)
 
     if (path.size() == 3 && path.at(0) == QLatin1String("images")
         && (path.at(2) == QLatin1String("header") || path.at(2) == QLatin1String("thumbnail")))
-        return get ? image(path.at(1), path.at(2)) : wrongMethod;
+        return get ? image(context, path.at(1), path.at(2)) : wrongMethod;
     if (path == QStringList{QStringLiteral("api"), QStringLiteral("auth"), QStringLiteral("sign-out")})
         return post ? signOut(context) : wrongMethod;
     if (path == QStringList{QStringLiteral("api"), QStringLiteral("auth"), QStringLiteral("dev-login")}) {
@@ -437,6 +452,9 @@ ApiResponse CatalogueApi::upload(Context &context, const QString &kind)
     write.name = form.text(QStringLiteral("name")).trimmed();
     write.description = form.text(QStringLiteral("description")).trimmed();
     write.instructions = form.text(QStringLiteral("instructions")).trimmed();
+    if (hasHiddenCharacters(write.name))
+        return ApiResponse::error(
+                400, QStringLiteral("Name must not contain control characters or text direction overrides"));
     if (write.name.size() < 3 || write.name.size() > 100)
         return ApiResponse::error(400, QStringLiteral("Name must be between 3 and 100 characters"));
     if (write.description.size() < 10 || write.description.size() > 5000)
@@ -455,7 +473,7 @@ ApiResponse CatalogueApi::upload(Context &context, const QString &kind)
     if (form.has(QStringLiteral("version"))) {
         bool ok = false;
         write.version = form.text(QStringLiteral("version")).trimmed().toDouble(&ok);
-        if (!ok || write.version <= 0 || write.version >= 100)
+        if (!ok || !std::isfinite(write.version) || write.version <= 0 || write.version >= 100)
             return ApiResponse::error(400, QStringLiteral("Version must be a number above 0 and below 100"));
     }
     write.visibility = form.has(QStringLiteral("visibility_type"))
@@ -492,6 +510,11 @@ ApiResponse CatalogueApi::upload(Context &context, const QString &kind)
     if (file) {
         const QString fileName = QFileInfo(file->fileName).fileName();
         const QString extension = QFileInfo(fileName).suffix().toLower();
+        if (hasHiddenCharacters(fileName))
+            return ApiResponse::error(
+                    400, QStringLiteral("File name must not contain control characters or text direction overrides"));
+        if (kind == QLatin1String("qenv") && extension != QLatin1String("qenv"))
+            return ApiResponse::error(400, QStringLiteral("Environment packages must be .qenv files"));
         if (fileName.isEmpty() || fileName.size() > 255)
             return ApiResponse::error(400, QStringLiteral("The file needs a name of at most 255 characters"));
         if (weights && extension == QLatin1String("onnx")) {
@@ -890,12 +913,13 @@ ApiResponse CatalogueApi::updateVisibility(Context &context, const QString &id)
             QJsonObject{{QStringLiteral("id"), id}, {QStringLiteral("visibility_type"), visibility}});
 }
 
-ApiResponse CatalogueApi::image(const QString &id, const QString &which)
+ApiResponse CatalogueApi::image(Context &context, const QString &id, const QString &which)
 {
     if (!isResourceId(id))
         return ApiResponse::error(400, QStringLiteral("Invalid resource ID"));
     const CatalogueDatabase::Resource resource = database->resource(id);
-    if (!resource.hasImage || resource.authorBanned)
+    // A picture says as much as the record it belongs to, so it is shown to the same people.
+    if (!resource.hasImage || resource.authorBanned || !database->canSee(resource, context.caller))
         return ApiResponse::error(404, QStringLiteral("Image not found"));
     const ResourceFiles files(settings.dataDirectory);
     const bool header = which == QLatin1String("header");

@@ -74,7 +74,7 @@ private:
     ApiResponse claim(Context &context);
     ApiResponse ban(Context &context, const QString &discordId, bool banned);
     ApiResponse updateVisibility(Context &context, const QString &id);
-    ApiResponse image(const QString &id, const QString &which);
+    ApiResponse image(Context &context, const QString &id, const QString &which);
 
     // Finds a resource the caller may see, of the kind the path names (any kind for the plain script paths).
     ApiResponse findVisible(Context &context, const QString &kind, const QString &id,

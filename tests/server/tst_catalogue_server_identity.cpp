@@ -98,6 +98,45 @@ private Q_SLOTS:
         QCOMPARE(upload.status, 403);
     }
 
+    void imagesFollowTheirResource_data()
+    {
+        QTest::addColumn<QString>("visibility");
+        QTest::addColumn<bool>("asAuthor");
+        QTest::addColumn<int>("status");
+        QTest::newRow("public to anyone") << QStringLiteral("public") << false << 200;
+        QTest::newRow("locked to anyone") << QStringLiteral("purchasable") << false << 200;
+        QTest::newRow("private to anyone") << QStringLiteral("private") << false << 404;
+        QTest::newRow("private to its author") << QStringLiteral("private") << true << 200;
+    }
+
+    void imagesFollowTheirResource()
+    {
+        QFETCH(QString, visibility);
+        QFETCH(bool, asAuthor);
+        QFETCH(int, status);
+        const QString token = server.signIn(authorId, QStringLiteral("alice"));
+        QImage picture(80, 40, QImage::Format_RGB32);
+        picture.fill(Qt::darkGreen);
+        QByteArray png;
+        QBuffer buffer(&png);
+        buffer.open(QIODevice::WriteOnly);
+        picture.save(&buffer, "PNG");
+        const auto uploaded = server.upload(QStringLiteral("upload"), token,
+                                            {{QStringLiteral("name"), QStringLiteral("Pictured")},
+                                             {QStringLiteral("description"), QStringLiteral("Has a header picture")},
+                                             {QStringLiteral("visibility_type"), visibility}},
+                                            {{QStringLiteral("script_file"), QStringLiteral("p.gpc3"), "main {}"},
+                                             {QStringLiteral("header_image"), QStringLiteral("p.png"), png}});
+        const QString id
+                = uploaded.json.value(QStringLiteral("data")).toObject().value(QStringLiteral("id")).toString();
+        QVERIFY(!id.isEmpty());
+        for (const QString &which : {QStringLiteral("header"), QStringLiteral("thumbnail")}) {
+            const auto image = server.send("GET", server.origin() + QStringLiteral("/images/%1/%2").arg(id, which), {},
+                                           {}, asAuthor ? token : QString());
+            QCOMPARE(image.status, status);
+        }
+    }
+
 private:
     CatalogueServerFixture server{false, {administratorId}};
     QString adminToken;

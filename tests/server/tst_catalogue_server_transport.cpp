@@ -158,6 +158,19 @@ private Q_SLOTS:
         QCOMPARE(headerValue(response, "Content-Length").toInt(), method == "HEAD" ? 1000 : body.size());
     }
 
+    void nonAsciiFileNamesTravelAsFilenameStar()
+    {
+        const auto uploaded = server.uploadScript(token, QStringLiteral("Café ünï.gpc3"), "main {}");
+        const QByteArray named = uploaded.json.value(QStringLiteral("data"))
+                                         .toObject()
+                                         .value(QStringLiteral("id"))
+                                         .toString()
+                                         .toLatin1();
+        const QByteArray response = server.exchange(request("HEAD", "download/" + named, {}), 3000);
+        QCOMPARE(headerValue(response, "Content-Disposition"),
+                 QByteArray("attachment; filename=\"Caf_ _n_.gpc3\"; filename*=UTF-8''Caf%C3%A9%20%C3%BCn%C3%AF.gpc3"));
+    }
+
     void refusedUploadsLeaveNoStagingFiles()
     {
         const auto reply = server.upload(
