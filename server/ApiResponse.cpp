@@ -45,12 +45,20 @@ QByteArray ApiResponse::contentDisposition() const
     if (attachmentName.isEmpty())
         return {};
     QString safe;
+    bool ascii = true;
     for (const QChar c : attachmentName) {
         if (c.unicode() >= 0x20 && c != QLatin1Char('"') && c != QLatin1Char('\\') && c != QLatin1Char('/')
             && c.unicode() != 0x7f)
             safe.append(c);
+        ascii = ascii && c.unicode() < 0x80;
     }
-    return "attachment; filename=\"" + safe.toUtf8() + '"';
+    if (ascii)
+        return "attachment; filename=\"" + safe.toLatin1() + '"';
+    // RFC 6266: clients that know filename* take the UTF-8 name, the others a plain fallback.
+    QByteArray fallback;
+    for (const QChar c : std::as_const(safe))
+        fallback.append(c.unicode() < 0x80 ? char(c.unicode()) : '_');
+    return "attachment; filename=\"" + fallback + "\"; filename*=UTF-8''" + safe.toUtf8().toPercentEncoding();
 }
 
 } // namespace Quorix

@@ -1,10 +1,12 @@
 #include "CatalogueApi.h"
 
+#include "CrashPoint.h"
 #include "MultipartForm.h"
 #include "QenvPackage.h"
 #include "ResourceFiles.h"
 
 #include <QBuffer>
+#include <QCryptographicHash>
 #include <QFileInfo>
 #include <QImage>
 #include <QImageReader>
@@ -12,6 +14,8 @@
 #include <QJsonDocument>
 #include <QRegularExpression>
 #include <QUuid>
+
+#include <cmath>
 
 namespace Quorix {
 
@@ -95,6 +99,19 @@ bool isDeletion(const ApiRequest &request)
            || request.body.trimmed() == "_method=DELETE";
 }
 
+// Control characters and the bidirectional embeddings, overrides and isolates can make a name show as something it is
+// not ("exe.gpc3" shown for "3cpg.exe"), or break the lines and headers it is written into.
+bool hasHiddenCharacters(const QString &text)
+{
+    for (const QChar c : text) {
+        const char16_t u = c.unicode();
+        if (u < 0x20 || (u >= 0x7f && u < 0xa0) || (u >= 0x202a && u <= 0x202e) || (u >= 0x2066 && u <= 0x2069)
+            || u == 0x200e || u == 0x200f || u == 0x061c)
+            return true;
+    }
+    return false;
+}
+
 QString kindOfPath(const QString &kind)
 {
     return kind.isEmpty() ? QStringLiteral("script") : kind;
@@ -112,9 +129,39 @@ CatalogueApi::CatalogueApi(CatalogueDatabase *database, const Settings &settings
     , settings(settings)
 { }
 
-qint64 CatalogueApi::bodyLimit()
+BodyPolicy CatalogueApi::bodyPolicy(const ApiRequest &head)
 {
-    return weightsLimit + imageLimit + formOverhead;
+    BodyPolicy policy;
+    policy.limit = jsonBodyLimit;
+    policy.refusal = QStringLiteral("Request body too large");
+    const QStringList &path = head.segments;
+    const bool upload
+            = head.method == "POST" && path.size() >= 3 && path.size() <= 4 && path.at(0) == QLatin1String("api")
+              && path.at(1) == QLatin1String("scripts") && path.last() == QLatin1String("upload")
+              && (path.size() == 3 || path.at(2) == QLatin1String("qenv") || path.at(2) == QLatin1String("onnx"));
+    if (!upload)
+        return policy;
+    const bool weights = path.size() == 4 && path.at(2) == QLatin1String("onnx");
+    const qint64 fileLimit = weights ? weightsLimit : scriptLimit;
+    policy.multipart = true;
+    policy.limit = fileLimit + imageLimit + formOverhead;
+    policy.refusal = QStringLiteral("File too large (max %1)").arg(limitText(fileLimit));
+    policy.formLimits.text = formOverhead;
+    policy.formLimits.files
+            = {{weights ? QStringLiteral("onnx_file") : QStringLiteral("script_file"), fileLimit, policy.refusal},
+               {QStringLiteral("header_image"), imageLimit,
+                QStringLiteral("Image too large (max %1)").arg(limitText(imageLimit))}};
+    return policy;
+}
+
+std::optional<ApiResponse> CatalogueApi::admit(const ApiRequest &head)
+{
+    const CatalogueDatabase::User user = identify(head);
+    if (!user.isValid())
+        return forClient(head, ApiResponse::error(401, authenticationRequired));
+    if (user.banned)
+        return forClient(head, ApiResponse::error(403, QStringLiteral("Your account has been banned from uploading")));
+    return std::nullopt;
 }
 
 ApiResponse CatalogueApi::handle(const ApiRequest &request)
@@ -122,9 +169,11 @@ ApiResponse CatalogueApi::handle(const ApiRequest &request)
     Context context{request, identify(request), {}};
     context.caller.userId = context.user.id;
     context.caller.administrator = isAdministrator(context.user);
-    if (request.body.size() > bodyLimit())
-        return ApiResponse::error(413, QStringLiteral("Request body too large"));
-    ApiResponse response = route(context);
+    return forClient(request, route(context));
+}
+
+ApiResponse CatalogueApi::forClient(const ApiRequest &request, ApiResponse response)
+{
     // The plugin (API version 4) reads a refusal from the body of a successful reply and turns any HTTP error status
     // into a bare transport message, which would hide our reason from the user. 413 keeps its status: the plugin
     // reports it as the upload size limit.
@@ -134,25 +183,37 @@ ApiResponse CatalogueApi::handle(const ApiRequest &request)
     return response;
 }
 
-CatalogueDatabase::User CatalogueApi::identify(const ApiRequest &request)
+QString CatalogueApi::sessionToken(const ApiRequest &request)
 {
     static const QRegularExpression bearer(QStringLiteral("^Bearer ([0-9a-f]{64})$"));
-    const QRegularExpressionMatch match = bearer.match(QString::fromLatin1(request.header("authorization")));
-    if (!match.hasMatch())
+    return bearer.match(QString::fromLatin1(request.header("authorization"))).captured(1);
+}
+
+// Who is asking comes from the session alone: the profile was stored at sign-in, and what a client puts in its
+// headers never changes it, or any signed-in user could appear as another.
+CatalogueDatabase::User CatalogueApi::identify(const ApiRequest &request)
+{
+    const QString token = sessionToken(request);
+    if (token.isEmpty())
         return {};
-    CatalogueDatabase::User user = database->userForToken(match.captured(1));
-    if (!user.isValid())
-        return user;
-    // The host sends the profile it got from Discord with every request; keep ours current with it.
-    const QString username = QString::fromUtf8(request.header("x-discord-username")).left(64);
-    const QString globalName = QString::fromUtf8(request.header("x-discord-globalname")).left(64);
-    const QString avatar = QString::fromUtf8(request.header("x-discord-avatar")).left(128);
-    if ((!username.isEmpty() && username != user.username) || (!globalName.isEmpty() && globalName != user.globalName)
-        || !avatar.isEmpty()) {
-        database->updateProfile(user.id, username, globalName, avatar);
-        user = database->userById(user.id);
-    }
-    return user;
+    return database->userForToken(token, settings.sessionLifetimeSeconds);
+}
+
+ApiResponse CatalogueApi::signOut(Context &context)
+{
+    if (!context.user.isValid())
+        return ApiResponse::error(401, authenticationRequired);
+    database->endSession(sessionToken(context.request));
+    return ApiResponse::json({{QStringLiteral("success"), true}});
+}
+
+ApiResponse CatalogueApi::refuseBanned(const Context &context)
+{
+    if (!context.user.isValid())
+        return ApiResponse::error(401, authenticationRequired);
+    if (context.user.banned)
+        return ApiResponse::error(403, QStringLiteral("Your account has been banned"));
+    return {};
 }
 
 bool CatalogueApi::isAdministrator(const CatalogueDatabase::User &user) const
@@ -170,7 +231,9 @@ ApiResponse CatalogueApi::route(Context &context)
 
     if (path.size() == 3 && path.at(0) == QLatin1String("images")
         && (path.at(2) == QLatin1String("header") || path.at(2) == QLatin1String("thumbnail")))
-        return get ? image(path.at(1), path.at(2)) : wrongMethod;
+        return get ? image(context, path.at(1), path.at(2)) : wrongMethod;
+    if (path == QStringList{QStringLiteral("api"), QStringLiteral("auth"), QStringLiteral("sign-out")})
+        return post ? signOut(context) : wrongMethod;
     if (path == QStringList{QStringLiteral("api"), QStringLiteral("auth"), QStringLiteral("dev-login")}) {
         if (!settings.devLogin)
             return ApiResponse::error(404, QStringLiteral("Not found"));
@@ -358,13 +421,15 @@ ApiResponse CatalogueApi::download(Context &context, const QString &kind, const 
     const QString path = ResourceFiles(settings.dataDirectory).resourceFile(id);
     if (!QFileInfo::exists(path))
         return ApiResponse::error(410, QStringLiteral("The file of this resource is missing"));
-    database->countDownload(id, context.caller);
+    if (context.request.method != "HEAD")
+        database->countDownload(id, context.caller);
     QString name = resource.fileName;
     // Encrypted weights only run inside Quorix, which recognises them by this extension.
     if (resource.kind == QLatin1String("onnx") && resource.encrypted)
         name = QFileInfo(name).completeBaseName() + QStringLiteral(".ennx");
     ApiResponse response = ApiResponse::file(path, "application/octet-stream", name);
-    response.reprDigest = digests.reprDigest(path);
+    response.reprDigest
+            = resource.sha256.isEmpty() ? digests.reprDigest(path) : "sha-256=:" + resource.sha256.toBase64() + ':';
     return response;
 }
 
@@ -376,20 +441,20 @@ ApiResponse CatalogueApi::upload(Context &context, const QString &kind)
         return ApiResponse::error(403, QStringLiteral("Your account has been banned from uploading"));
     const bool weights = kind == QLatin1String("onnx");
     const qint64 fileLimit = weights ? weightsLimit : scriptLimit;
-    if (context.request.body.size() > fileLimit + imageLimit + formOverhead)
-        return ApiResponse::error(413, QStringLiteral("File too large (max %1)").arg(limitText(fileLimit)));
-
-    QString parseError;
-    const MultipartForm form
-            = MultipartForm::parse(context.request.header("content-type"), context.request.body, &parseError);
-    if (!parseError.isEmpty())
-        return ApiResponse::error(400, parseError);
+    if (!context.request.form)
+        return ApiResponse::error(400, QStringLiteral("Expected a multipart/form-data body"));
+    const MultipartForm &form = *context.request.form;
+    if (form.status() != 0)
+        return ApiResponse::error(form.status(), form.error());
 
     CatalogueDatabase::ResourceWrite write;
     write.authorId = context.user.id;
     write.name = form.text(QStringLiteral("name")).trimmed();
     write.description = form.text(QStringLiteral("description")).trimmed();
     write.instructions = form.text(QStringLiteral("instructions")).trimmed();
+    if (hasHiddenCharacters(write.name))
+        return ApiResponse::error(
+                400, QStringLiteral("Name must not contain control characters or text direction overrides"));
     if (write.name.size() < 3 || write.name.size() > 100)
         return ApiResponse::error(400, QStringLiteral("Name must be between 3 and 100 characters"));
     if (write.description.size() < 10 || write.description.size() > 5000)
@@ -408,7 +473,7 @@ ApiResponse CatalogueApi::upload(Context &context, const QString &kind)
     if (form.has(QStringLiteral("version"))) {
         bool ok = false;
         write.version = form.text(QStringLiteral("version")).trimmed().toDouble(&ok);
-        if (!ok || write.version <= 0 || write.version >= 100)
+        if (!ok || !std::isfinite(write.version) || write.version <= 0 || write.version >= 100)
             return ApiResponse::error(400, QStringLiteral("Version must be a number above 0 and below 100"));
     }
     write.visibility = form.has(QStringLiteral("visibility_type"))
@@ -445,6 +510,11 @@ ApiResponse CatalogueApi::upload(Context &context, const QString &kind)
     if (file) {
         const QString fileName = QFileInfo(file->fileName).fileName();
         const QString extension = QFileInfo(fileName).suffix().toLower();
+        if (hasHiddenCharacters(fileName))
+            return ApiResponse::error(
+                    400, QStringLiteral("File name must not contain control characters or text direction overrides"));
+        if (kind == QLatin1String("qenv") && extension != QLatin1String("qenv"))
+            return ApiResponse::error(400, QStringLiteral("Environment packages must be .qenv files"));
         if (fileName.isEmpty() || fileName.size() > 255)
             return ApiResponse::error(400, QStringLiteral("The file needs a name of at most 255 characters"));
         if (weights && extension == QLatin1String("onnx")) {
@@ -466,7 +536,7 @@ ApiResponse CatalogueApi::upload(Context &context, const QString &kind)
             return ApiResponse::error(400, QStringLiteral("The file is empty"));
         if (write.kind == QLatin1String("qenv")) {
             QString qenvError;
-            const QenvPackage package = QenvPackage::parse(form.data(*file), &qenvError);
+            const QenvPackage package = QenvPackage::parse(form.contents(*file), &qenvError);
             if (!qenvError.isEmpty())
                 return ApiResponse::error(400, qenvError);
             write.metadata = package.metadata();
@@ -484,14 +554,13 @@ ApiResponse CatalogueApi::upload(Context &context, const QString &kind)
         return ApiResponse::error(400, QStringLiteral("Weights are published through onnx/upload"));
 
     QByteArray thumbnail;
-    QByteArrayView header;
+    QByteArray header;
     if (const MultipartForm::Part *imagePart = form.part(QStringLiteral("header_image"));
         imagePart && imagePart->size > 0) {
         if (imagePart->size > imageLimit)
             return ApiResponse::error(413, QStringLiteral("Image too large (max %1)").arg(limitText(imageLimit)));
-        header = form.data(*imagePart);
-        QByteArray headerBytes = QByteArray::fromRawData(header.data(), header.size());
-        QBuffer buffer(&headerBytes);
+        header = form.contents(*imagePart);
+        QBuffer buffer(&header);
         QImageReader reader(&buffer);
         const QByteArray format = reader.format();
         const QImage picture = reader.read();
@@ -506,18 +575,24 @@ ApiResponse CatalogueApi::upload(Context &context, const QString &kind)
 
     write.id = existing.isValid() ? existing.id : QUuid::createUuid().toString(QUuid::WithoutBraces);
     ResourceFiles files(settings.dataDirectory);
-    if (!files.prepare() || (file && !files.stage(files.resourceFile(write.id), form.data(*file)))
+    if (file)
+        write.sha256 = file->sha256;
+    if (write.replaceImage)
+        write.imageSha256 = QCryptographicHash::hash(header, QCryptographicHash::Sha256);
+    if (!files.prepare() || (file && !files.stageFile(files.resourceFile(write.id), file->stagedPath))
         || (write.replaceImage
             && (!files.stage(files.headerImage(write.id), header)
                 || !files.stage(files.thumbnailImage(write.id), thumbnail))))
         return ApiResponse::error(507, QStringLiteral("Cannot store the upload"));
+    CrashPoint::reach("before-commit");
     if (!database->transaction())
         return ApiResponse::error(503, QStringLiteral("The catalogue is busy"));
-    if (!database->writeResource(write, !existing.isValid()) || !files.install() || !database->commit()) {
+    if (!database->writeResource(write, !existing.isValid()) || !database->commit()) {
         database->rollback();
         return ApiResponse::error(503, QStringLiteral("Cannot store the upload"));
     }
-    files.confirm();
+    // The record is committed: a failed rename now is finished by the next start, not undone.
+    files.publish();
     QJsonObject record = withOrigin(database->record(write.id, context.caller), context.request.origin);
     return ApiResponse::json(
             {{QStringLiteral("success"), true},
@@ -527,8 +602,8 @@ ApiResponse CatalogueApi::upload(Context &context, const QString &kind)
 
 ApiResponse CatalogueApi::removeResource(Context &context, const QString &kind, const QString &id)
 {
-    if (!context.user.isValid())
-        return ApiResponse::error(401, authenticationRequired);
+    if (ApiResponse refusal = refuseBanned(context); refusal.status != 200)
+        return refusal;
     if (!isResourceId(id))
         return ApiResponse::error(400, QStringLiteral("Invalid resource ID"));
     const CatalogueDatabase::Resource resource = database->resource(id);
@@ -542,14 +617,15 @@ ApiResponse CatalogueApi::removeResource(Context &context, const QString &kind, 
         database->rollback();
         return ApiResponse::error(503, QStringLiteral("Cannot delete the resource"));
     }
+    CrashPoint::reach("after-delete-commit");
     ResourceFiles(settings.dataDirectory).removeResource(id);
     return ApiResponse::success(QJsonObject{{QStringLiteral("id"), id}});
 }
 
 ApiResponse CatalogueApi::toggleLike(Context &context, const QString &kind, const QString &id)
 {
-    if (!context.user.isValid())
-        return ApiResponse::error(401, authenticationRequired);
+    if (ApiResponse refusal = refuseBanned(context); refusal.status != 200)
+        return refusal;
     CatalogueDatabase::Resource resource;
     ApiResponse failure = findVisible(context, kind, id, &resource);
     if (failure.status != 200)
@@ -602,10 +678,13 @@ ApiResponse CatalogueApi::checkExisting(Context &context)
     return ApiResponse::json(reply);
 }
 
-ApiResponse CatalogueApi::findManaged(Context &context, const QString &id, CatalogueDatabase::Resource *resource)
+ApiResponse CatalogueApi::findManaged(Context &context, const QString &id, CatalogueDatabase::Resource *resource,
+                                      bool toWrite)
 {
     if (!context.user.isValid())
         return ApiResponse::error(401, authenticationRequired);
+    if (toWrite && context.user.banned)
+        return refuseBanned(context);
     if (!isResourceId(id))
         return ApiResponse::error(400, QStringLiteral("Invalid resource ID"));
     *resource = database->resource(id);
@@ -619,7 +698,7 @@ ApiResponse CatalogueApi::findManaged(Context &context, const QString &id, Catal
 ApiResponse CatalogueApi::listAuthorizations(Context &context, const QString &id)
 {
     CatalogueDatabase::Resource resource;
-    ApiResponse failure = findManaged(context, id, &resource);
+    ApiResponse failure = findManaged(context, id, &resource, false);
     if (failure.status != 200)
         return failure;
     int offset = 0;
@@ -636,7 +715,7 @@ ApiResponse CatalogueApi::listAuthorizations(Context &context, const QString &id
 ApiResponse CatalogueApi::authorize(Context &context, const QString &id)
 {
     CatalogueDatabase::Resource resource;
-    ApiResponse failure = findManaged(context, id, &resource);
+    ApiResponse failure = findManaged(context, id, &resource, true);
     if (failure.status != 200)
         return failure;
     QJsonObject body;
@@ -684,7 +763,7 @@ ApiResponse CatalogueApi::authorize(Context &context, const QString &id)
 ApiResponse CatalogueApi::bulkAuthorize(Context &context, const QString &id)
 {
     CatalogueDatabase::Resource resource;
-    ApiResponse failure = findManaged(context, id, &resource);
+    ApiResponse failure = findManaged(context, id, &resource, true);
     if (failure.status != 200)
         return failure;
     QJsonObject body;
@@ -746,7 +825,7 @@ ApiResponse CatalogueApi::bulkAuthorize(Context &context, const QString &id)
 ApiResponse CatalogueApi::revoke(Context &context, const QString &id)
 {
     CatalogueDatabase::Resource resource;
-    ApiResponse failure = findManaged(context, id, &resource);
+    ApiResponse failure = findManaged(context, id, &resource, true);
     if (failure.status != 200)
         return failure;
     QJsonObject body;
@@ -772,8 +851,8 @@ ApiResponse CatalogueApi::revoke(Context &context, const QString &id)
 
 ApiResponse CatalogueApi::claim(Context &context)
 {
-    if (!context.user.isValid())
-        return ApiResponse::error(401, authenticationRequired);
+    if (ApiResponse refusal = refuseBanned(context); refusal.status != 200)
+        return refusal;
     const int claimed = database->claimPending(context.user);
     return ApiResponse::json({{QStringLiteral("success"), true}, {QStringLiteral("claimed"), claimed}});
 }
@@ -806,7 +885,7 @@ ApiResponse CatalogueApi::ban(Context &context, const QString &discordId, bool b
 ApiResponse CatalogueApi::updateVisibility(Context &context, const QString &id)
 {
     CatalogueDatabase::Resource resource;
-    ApiResponse failure = findManaged(context, id, &resource);
+    ApiResponse failure = findManaged(context, id, &resource, true);
     if (failure.status != 200)
         return failure;
     QJsonObject body;
@@ -834,12 +913,13 @@ ApiResponse CatalogueApi::updateVisibility(Context &context, const QString &id)
             QJsonObject{{QStringLiteral("id"), id}, {QStringLiteral("visibility_type"), visibility}});
 }
 
-ApiResponse CatalogueApi::image(const QString &id, const QString &which)
+ApiResponse CatalogueApi::image(Context &context, const QString &id, const QString &which)
 {
     if (!isResourceId(id))
         return ApiResponse::error(400, QStringLiteral("Invalid resource ID"));
     const CatalogueDatabase::Resource resource = database->resource(id);
-    if (!resource.hasImage || resource.authorBanned)
+    // A picture says as much as the record it belongs to, so it is shown to the same people.
+    if (!resource.hasImage || resource.authorBanned || !database->canSee(resource, context.caller))
         return ApiResponse::error(404, QStringLiteral("Image not found"));
     const ResourceFiles files(settings.dataDirectory);
     const bool header = which == QLatin1String("header");

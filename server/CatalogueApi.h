@@ -9,9 +9,9 @@
 #include <QSet>
 #include <QString>
 
-namespace Quorix {
+#include <optional>
 
-class MultipartForm;
+namespace Quorix {
 
 // The catalogue's HTTP interface: validates each request, decides who may do what, and answers in the shapes the
 // Online Resources client reads. It knows nothing of sockets; CatalogueServer feeds it.
@@ -23,12 +23,9 @@ public:
         QString dataDirectory;
         bool devLogin = false;
         QSet<QString> administratorIds;
+        qint64 sessionLifetimeSeconds = 30 * 24 * 3600;
     };
 
-    // QHttpServer 6.4 reads a whole request body into memory before any handler runs: there is neither streaming
-    // nor a hook to refuse on Content-Length. So the limits below are checked once a body has arrived, and an upload
-    // costs about two to three times its size in memory while it is handled (measured: 420 MB peak for a 200 MB
-    // weights upload, 1.6 GB for a refused 530 MB one). Bodies above bodyLimit() get 413 without being parsed.
     static constexpr qint64 scriptLimit = 10 * 1024 * 1024;
     static constexpr qint64 weightsLimit = 500 * 1024 * 1024;
     static constexpr qint64 imageLimit = 4 * 1024 * 1024;
@@ -38,9 +35,11 @@ public:
 
     CatalogueApi(CatalogueDatabase *database, const Settings &settings);
 
+    // How much body a request may bring, decided from its head before any of the body is read.
+    static BodyPolicy bodyPolicy(const ApiRequest &head);
+    // Whether the sender of an upload may write at all, asked before its body is read; a refusal, or nothing.
+    std::optional<ApiResponse> admit(const ApiRequest &head);
     ApiResponse handle(const ApiRequest &request);
-    // The largest body any route accepts; anything bigger is refused before routing.
-    static qint64 bodyLimit();
 
 private:
     struct Context
@@ -51,10 +50,15 @@ private:
     };
 
     ApiResponse route(Context &context);
+    static ApiResponse forClient(const ApiRequest &request, ApiResponse response);
     ApiResponse routeKind(Context &context, const QString &kind, const QStringList &rest);
     CatalogueDatabase::User identify(const ApiRequest &request);
+    static QString sessionToken(const ApiRequest &request);
+    // 401 for no one, 403 for a banned user, 200 (nothing to say) for anyone who may write.
+    static ApiResponse refuseBanned(const Context &context);
 
     ApiResponse devLogin(Context &context);
+    ApiResponse signOut(Context &context);
     ApiResponse list(Context &context, const QString &kind);
     ApiResponse details(Context &context, const QString &kind, const QString &id);
     ApiResponse download(Context &context, const QString &kind, const QString &id);
@@ -70,13 +74,13 @@ private:
     ApiResponse claim(Context &context);
     ApiResponse ban(Context &context, const QString &discordId, bool banned);
     ApiResponse updateVisibility(Context &context, const QString &id);
-    ApiResponse image(const QString &id, const QString &which);
+    ApiResponse image(Context &context, const QString &id, const QString &which);
 
     // Finds a resource the caller may see, of the kind the path names (any kind for the plain script paths).
     ApiResponse findVisible(Context &context, const QString &kind, const QString &id,
                             CatalogueDatabase::Resource *resource);
     // Finds a resource whose access list the caller manages.
-    ApiResponse findManaged(Context &context, const QString &id, CatalogueDatabase::Resource *resource);
+    ApiResponse findManaged(Context &context, const QString &id, CatalogueDatabase::Resource *resource, bool toWrite);
     QJsonObject withOrigin(QJsonObject record, const QString &origin) const;
     bool isAdministrator(const CatalogueDatabase::User &user) const;
 

@@ -49,6 +49,11 @@ const QList<QStringList> migrations = {
                 QStringLiteral("CREATE INDEX resources_kind_popularity ON resources(kind, downloads + likes * 10 DESC,"
                                " created DESC)"),
         },
+        {
+                // Downloads carry the digest of what was uploaded instead of hashing the file again.
+                QStringLiteral("ALTER TABLE resources ADD COLUMN sha256 TEXT NOT NULL DEFAULT ''"),
+                QStringLiteral("ALTER TABLE resources ADD COLUMN image_sha256 TEXT NOT NULL DEFAULT ''"),
+        },
 };
 
 // A null QString binds as SQL NULL, which the NOT NULL text columns refuse.
@@ -251,14 +256,24 @@ const QString userColumns = QStringLiteral("u.id, u.discord_id, u.username, u.gl
 
 } // namespace
 
-CatalogueDatabase::User CatalogueDatabase::userForToken(const QString &token)
+CatalogueDatabase::User CatalogueDatabase::userForToken(const QString &token, qint64 lifetimeSeconds)
 {
     QSqlQuery query(database());
-    query.prepare(QStringLiteral("SELECT %1 FROM sessions s JOIN users u ON u.id = s.user_id WHERE s.token_hash = ?")
+    query.prepare(QStringLiteral("SELECT %1 FROM sessions s JOIN users u ON u.id = s.user_id"
+                                 " WHERE s.token_hash = ? AND s.created > ?")
                           .arg(userColumns));
     query.addBindValue(hashToken(token));
+    query.addBindValue(timestamp(QDateTime::currentDateTimeUtc().addSecs(-lifetimeSeconds)));
     query.exec();
     return userFromQuery(query);
+}
+
+bool CatalogueDatabase::endSession(const QString &token)
+{
+    QSqlQuery query(database());
+    query.prepare(QStringLiteral("DELETE FROM sessions WHERE token_hash = ?"));
+    query.addBindValue(hashToken(token));
+    return query.exec() && query.numRowsAffected() == 1;
 }
 
 CatalogueDatabase::User CatalogueDatabase::userByDiscordId(const QString &discordId)
@@ -308,20 +323,6 @@ QString CatalogueDatabase::createSession(qint64 userId)
     return query.exec() ? token : QString();
 }
 
-void CatalogueDatabase::updateProfile(qint64 userId, const QString &username, const QString &globalName,
-                                      const QString &avatar)
-{
-    QSqlQuery query(database());
-    query.prepare(QStringLiteral("UPDATE users SET username = COALESCE(NULLIF(?, ''), username),"
-                                 " global_name = COALESCE(NULLIF(?, ''), global_name),"
-                                 " avatar = COALESCE(NULLIF(?, ''), avatar) WHERE id = ?"));
-    query.addBindValue(username);
-    query.addBindValue(globalName);
-    query.addBindValue(avatar);
-    query.addBindValue(userId);
-    query.exec();
-}
-
 bool CatalogueDatabase::setBanned(const QString &discordId, bool banned, const QString &reason)
 {
     QSqlQuery query(database());
@@ -356,7 +357,8 @@ CatalogueDatabase::Resource CatalogueDatabase::resource(const QString &id)
 {
     QSqlQuery query(database());
     query.prepare(QStringLiteral("SELECT r.id, r.kind, r.subtype, r.author_id, u.discord_id, u.banned, r.visibility,"
-                                 " r.file_name, r.encrypted, r.image_type FROM resources r"
+                                 " r.file_name, r.encrypted, r.image_type, r.sha256,"
+                                 " r.image_sha256 FROM resources r"
                                  " JOIN users u ON u.id = r.author_id WHERE r.id = ?"));
     query.addBindValue(id);
     Resource resource;
@@ -373,6 +375,8 @@ CatalogueDatabase::Resource CatalogueDatabase::resource(const QString &id)
     resource.encrypted = query.value(8).toBool();
     resource.imageType = query.value(9).toString();
     resource.hasImage = !resource.imageType.isEmpty();
+    resource.sha256 = QByteArray::fromHex(query.value(10).toString().toLatin1());
+    resource.imageSha256 = QByteArray::fromHex(query.value(11).toString().toLatin1());
     return resource;
 }
 
@@ -477,22 +481,24 @@ bool CatalogueDatabase::writeResource(const ResourceWrite &write, bool isNew)
     if (isNew) {
         query.prepare(QStringLiteral(
                 "INSERT INTO resources (id, kind, subtype, name, description, instructions, tags, version,"
-                " visibility, author_id, file_name, file_size, encrypted, metadata, image_type, created, updated)"
-                " VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"));
+                " visibility, author_id, file_name, file_size, encrypted, metadata, image_type, created, updated, "
+                "sha256,"
+                " image_sha256) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"));
         for (const QVariant &value :
              {text(write.id), text(write.kind), text(write.subtype), text(write.name), text(write.description),
               text(write.instructions), text(write.tags.join(QLatin1Char(','))), QVariant(write.version),
               text(write.visibility), QVariant(write.authorId), text(write.fileName), QVariant(write.fileSize),
-              QVariant(write.encrypted ? 1 : 0), text(metadata), text(write.imageType), text(stamp), text(stamp)})
+              QVariant(write.encrypted ? 1 : 0), text(metadata), text(write.imageType), text(stamp), text(stamp),
+              text(QString::fromLatin1(write.sha256.toHex())), text(QString::fromLatin1(write.imageSha256.toHex()))})
             query.addBindValue(value);
         return query.exec();
     }
     QString sql = QStringLiteral("UPDATE resources SET subtype = ?, name = ?, description = ?, instructions = ?,"
                                  " tags = ?, version = ?, visibility = ?, encrypted = ?, updated = ?");
     if (write.replaceFile)
-        sql += QStringLiteral(", file_name = ?, file_size = ?, metadata = ?");
+        sql += QStringLiteral(", file_name = ?, file_size = ?, metadata = ?, sha256 = ?");
     if (write.replaceImage)
-        sql += QStringLiteral(", image_type = ?");
+        sql += QStringLiteral(", image_type = ?, image_sha256 = ?");
     sql += QStringLiteral(" WHERE id = ?");
     query.prepare(sql);
     for (const QVariant &value :
@@ -504,9 +510,12 @@ bool CatalogueDatabase::writeResource(const ResourceWrite &write, bool isNew)
         query.addBindValue(text(write.fileName));
         query.addBindValue(write.fileSize);
         query.addBindValue(text(metadata));
+        query.addBindValue(text(QString::fromLatin1(write.sha256.toHex())));
     }
-    if (write.replaceImage)
+    if (write.replaceImage) {
         query.addBindValue(text(write.imageType));
+        query.addBindValue(text(QString::fromLatin1(write.imageSha256.toHex())));
+    }
     query.addBindValue(write.id);
     return query.exec() && query.numRowsAffected() == 1;
 }
@@ -531,6 +540,17 @@ void CatalogueDatabase::countView(const QString &id)
     query.prepare(QStringLiteral("UPDATE resources SET views = views + 1 WHERE id = ?"));
     query.addBindValue(id);
     query.exec();
+}
+
+QStringList CatalogueDatabase::resourceIds()
+{
+    QSqlQuery query(database());
+    QStringList ids;
+    if (query.exec(QStringLiteral("SELECT id FROM resources"))) {
+        while (query.next())
+            ids.append(query.value(0).toString());
+    }
+    return ids;
 }
 
 int CatalogueDatabase::resourceCount()

@@ -43,6 +43,9 @@ public:
         bool encrypted = false;
         bool hasImage = false;
         QString imageType;
+        // Raw SHA-256 of the stored file as uploaded; empty for files stored before digests were kept.
+        QByteArray sha256;
+        QByteArray imageSha256;
         bool isValid() const { return !id.isEmpty(); }
     };
 
@@ -81,6 +84,8 @@ public:
         QJsonObject metadata;
         QString imageType;
         QDateTime created;
+        QByteArray sha256;
+        QByteArray imageSha256;
         bool replaceFile = false;
         bool replaceImage = false;
     };
@@ -101,13 +106,14 @@ public:
     bool commit();
     void rollback();
 
-    User userForToken(const QString &token);
+    // The user of a session started less than lifetimeSeconds ago.
+    User userForToken(const QString &token, qint64 lifetimeSeconds);
+    bool endSession(const QString &token);
     User userByDiscordId(const QString &discordId);
     User userById(qint64 id);
     // Creates or renames the user and marks them as signed in.
     User signIn(const QString &discordId, const QString &username, const QString &globalName);
     QString createSession(qint64 userId);
-    void updateProfile(qint64 userId, const QString &username, const QString &globalName, const QString &avatar);
     bool setBanned(const QString &discordId, bool banned, const QString &reason);
 
     Resource resource(const QString &id);
@@ -121,6 +127,7 @@ public:
     bool deleteResource(const QString &id);
     void countView(const QString &id);
     int resourceCount();
+    QStringList resourceIds();
     void setCounters(const QString &id, qint64 downloads, qint64 views);
     void countDownload(const QString &id, const Caller &caller);
     // Toggles the caller's like; returns the new state and count through the pointers.

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "HttpTransport.h"
+
 #include <QHostAddress>
 #include <QObject>
 #include <QString>
@@ -7,17 +9,15 @@
 
 #include <memory>
 
-class QHttpServer;
-class QHttpServerRequest;
-class QHttpServerResponder;
-
 namespace Quorix {
 
 class CatalogueApi;
 class CatalogueDatabase;
 
-// The reference catalogue server: HTTP on QHttpServer, records in SQLite, files under the data directory.
-// Runs on the thread that creates it, either as the catalogue-server program or inside another process.
+// The reference catalogue server: HTTP on a pool of I/O threads, records in SQLite, files under the data directory.
+// Sockets, limits and file streaming live on the pool; every request handler and every database call runs on the
+// thread that created the server (its Qt event loop), so the database connection and the API state never see two
+// threads. A request costs that thread only the handler's own work: bodies arrive staged, files leave from disk.
 class CatalogueServer : public QObject
 {
     Q_OBJECT
@@ -32,6 +32,8 @@ public:
         bool seedDemo = false;
         bool devLogin = false;
         QStringList administratorIds;
+        qint64 sessionLifetimeSeconds = 30 * 24 * 3600;
+        HttpTransport::Limits limits;
     };
 
     explicit CatalogueServer(const Options &options, QObject *parent = nullptr);
@@ -43,13 +45,13 @@ public:
     QString origin() const;
 
 private:
-    void onRequest(const QHttpServerRequest &request, QHttpServerResponder &&responder);
-    bool listen(QString *error);
+    bool prepareDataDirectory(QString *error);
+    HttpTransport::Handlers handlers();
 
     Options options;
     std::unique_ptr<CatalogueDatabase> database;
     std::unique_ptr<CatalogueApi> api;
-    QHttpServer *httpServer = nullptr;
+    std::unique_ptr<HttpTransport> transport;
     quint16 boundPort = 0;
 };
 

@@ -5,6 +5,7 @@
 #include "QenvPackage.h"
 #include "ResourceFiles.h"
 
+#include <QCryptographicHash>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QRandomGenerator>
@@ -309,7 +310,9 @@ bool DemoCatalogue::seedIfEmpty(QString *error)
     for (int i = 0; i < writes.size(); ++i) {
         CatalogueDatabase::ResourceWrite &write = writes[i];
         write.fileSize = contents.at(i).size();
+        write.sha256 = QCryptographicHash::hash(contents.at(i), QCryptographicHash::Sha256);
         const DemoArtwork::Pictures pictures = DemoArtwork::pictures(write.name, write.subtype, random.generate());
+        write.imageSha256 = QCryptographicHash::hash(pictures.header, QCryptographicHash::Sha256);
         if (!files.stage(files.resourceFile(write.id), contents.at(i))
             || !files.stage(files.headerImage(write.id), pictures.header)
             || !files.stage(files.thumbnailImage(write.id), pictures.thumbnail)) {
@@ -348,13 +351,12 @@ bool DemoCatalogue::seedIfEmpty(QString *error)
                                 expires, &code)
                         != CatalogueDatabase::GrantOutcome::Failed;
     }
-    if (!ok || !files.install() || !database->commit()) {
+    if (!ok || !database->commit()) {
         database->rollback();
         *error = QStringLiteral("Cannot store the demo catalogue");
         return false;
     }
-    files.confirm();
-    return true;
+    return files.publish();
 }
 
 } // namespace Quorix

@@ -1,15 +1,29 @@
 #include "ResourceFiles.h"
 
+#include "CrashPoint.h"
+
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QSaveFile>
 
+#include <cstdio>
+#include <fcntl.h>
+#include <unistd.h>
+
 namespace Quorix {
 
 namespace {
 
-const QString backupSuffix = QStringLiteral(".previous");
+bool syncPath(const QString &path)
+{
+    const int descriptor = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_CLOEXEC);
+    if (descriptor < 0)
+        return false;
+    const bool synced = ::fsync(descriptor) == 0;
+    ::close(descriptor);
+    return synced;
+}
 
 } // namespace
 
@@ -19,7 +33,13 @@ ResourceFiles::ResourceFiles(const QString &dataDirectory)
 
 ResourceFiles::~ResourceFiles()
 {
-    rollBack();
+    for (const QString &target : std::as_const(staged))
+        QFile::remove(target + stagedSuffix());
+}
+
+QString ResourceFiles::stagedSuffix()
+{
+    return QStringLiteral(".new");
 }
 
 bool ResourceFiles::prepare()
@@ -45,61 +65,56 @@ QString ResourceFiles::thumbnailImage(const QString &id) const
 
 bool ResourceFiles::stage(const QString &finalPath, QByteArrayView data)
 {
-    auto file = std::make_unique<QSaveFile>(finalPath);
-    if (!file->open(QIODevice::WriteOnly) || file->write(data.data(), data.size()) != data.size()) {
-        error = file->errorString();
-        file->cancelWriting();
+    // QSaveFile syncs before its rename, so the staged name only ever holds complete bytes.
+    QSaveFile file(finalPath + stagedSuffix());
+    if (!file.open(QIODevice::WriteOnly) || file.write(data.data(), data.size()) != data.size() || !file.commit()) {
+        error = file.errorString();
         return false;
     }
-    staged.push_back(std::move(file));
+    staged.append(finalPath);
     return true;
 }
 
-bool ResourceFiles::install()
+bool ResourceFiles::stageFile(const QString &finalPath, const QString &sourcePath)
 {
-    for (const auto &file : staged) {
-        const QString target = file->fileName();
-        if (QFile::exists(target)) {
-            QFile::remove(target + backupSuffix);
-            if (!QFile::rename(target, target + backupSuffix)) {
-                error = QStringLiteral("Cannot replace %1").arg(QFileInfo(target).fileName());
-                rollBack();
-                return false;
-            }
-            backups.append(target);
-        }
-        if (!file->commit()) {
-            error = file->errorString();
-            rollBack();
-            return false;
-        }
-        installed.append(target);
+    QFile::remove(finalPath + stagedSuffix());
+    if (std::rename(QFile::encodeName(sourcePath).constData(),
+                    QFile::encodeName(finalPath + stagedSuffix()).constData())
+        != 0) {
+        error = QStringLiteral("Cannot stage %1").arg(QFileInfo(finalPath).fileName());
+        return false;
     }
-    staged.clear();
-    return true;
+    staged.append(finalPath);
+    return syncPath(QFileInfo(finalPath).absolutePath());
 }
 
-void ResourceFiles::confirm()
+bool ResourceFiles::publish()
 {
-    for (const QString &target : std::as_const(backups))
-        QFile::remove(target + backupSuffix);
-    backups.clear();
-    installed.clear();
-}
-
-void ResourceFiles::rollBack()
-{
-    for (const auto &file : staged)
-        file->cancelWriting();
-    staged.clear();
-    for (const QString &target : std::as_const(installed))
-        QFile::remove(target);
-    for (const QString &target : std::as_const(backups)) {
-        QFile::remove(target);
-        QFile::rename(target + backupSuffix, target);
+    CrashPoint::reach("after-commit");
+    // Images before the resource file, and the thumbnail before its header: reconciliation relies on this order.
+    std::stable_sort(staged.begin(), staged.end(), [](const QString &a, const QString &b) {
+        const auto rank = [](const QString &path) {
+            return path.endsWith(QLatin1String(".thumbnail")) ? 0 : path.endsWith(QLatin1String(".header")) ? 1 : 2;
+        };
+        return rank(a) < rank(b);
+    });
+    bool ok = true;
+    QStringList folders;
+    for (const QString &target : std::as_const(staged)) {
+        // rename() replaces the live file in one step: readers see the old bytes or the new, never neither.
+        if (std::rename(QFile::encodeName(target + stagedSuffix()).constData(), QFile::encodeName(target).constData())
+            != 0) {
+            error = QStringLiteral("Cannot replace %1").arg(QFileInfo(target).fileName());
+            ok = false;
+        }
+        CrashPoint::reach("during-publish");
+        if (!folders.contains(QFileInfo(target).absolutePath()))
+            folders.append(QFileInfo(target).absolutePath());
     }
-    installed.clear();
-    backups.clear();
+    staged.clear();
+    for (const QString &folder : std::as_const(folders))
+        syncPath(folder);
+    return ok;
 }
 
 void ResourceFiles::removeResource(const QString &id) const

@@ -4,16 +4,13 @@
 #include <QString>
 #include <QStringList>
 
-#include <memory>
-#include <vector>
-
-class QSaveFile;
-
 namespace Quorix {
 
-// The files of the catalogue under the data directory, and the staged writes of one upload. Staged files are
-// written aside, moved into place together right before the database commits, and put back as they were unless
-// confirm() is called, so that a refused or failed upload leaves nothing behind and an update loses nothing.
+// The files of the catalogue under the data directory, and the staged writes of one upload. A staged file sits
+// beside its live name with the suffix ".new", written and synced, before the database records the change; publish()
+// then renames it over the live file, so at every moment the live name holds complete old or complete new bytes.
+// Staged files that were never published are removed with this object; after a crash, start-up reconciliation
+// decides from the recorded digests whether to publish or drop them.
 class ResourceFiles
 {
 public:
@@ -23,6 +20,8 @@ public:
     ResourceFiles(const ResourceFiles &) = delete;
     ResourceFiles &operator=(const ResourceFiles &) = delete;
 
+    static QString stagedSuffix();
+
     // Creates the storage folders; false when the data directory is unusable.
     bool prepare();
 
@@ -31,20 +30,18 @@ public:
     QString thumbnailImage(const QString &id) const;
 
     bool stage(const QString &finalPath, QByteArrayView data);
-    // Moves every staged file into place, keeping what it replaces until confirm().
-    bool install();
-    void confirm();
+    // Takes a file already written and synced elsewhere on the same file system (an upload's staging file).
+    bool stageFile(const QString &finalPath, const QString &sourcePath);
+    // Renames every staged file over its live name, the resource file last, and syncs the folders. Only after the
+    // database has committed.
+    bool publish();
 
     void removeResource(const QString &id) const;
     QString errorString() const { return error; }
 
 private:
-    void rollBack();
-
     QString directory;
-    std::vector<std::unique_ptr<QSaveFile>> staged;
-    QStringList installed;
-    QStringList backups;
+    QStringList staged;
     QString error;
 };
 

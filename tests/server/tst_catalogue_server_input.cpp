@@ -219,6 +219,17 @@ private Q_SLOTS:
                 << QStringLiteral("tags") << QStringLiteral("x") << QStringLiteral("model.onnx");
         QTest::newRow("broken environment")
                 << QStringLiteral("tags") << QStringLiteral("x") << QStringLiteral("broken.qenv");
+        QTest::newRow("name with NUL") << QStringLiteral("name")
+                                       << QStringLiteral("Bad") + QChar(0) + QStringLiteral("name")
+                                       << QStringLiteral("a.gpc3");
+        QTest::newRow("name with direction override")
+                << QStringLiteral("name") << QStringLiteral("Tool \u202Eexe.gpc3") << QStringLiteral("a.gpc3");
+        QTest::newRow("version not a number")
+                << QStringLiteral("version") << QStringLiteral("nan") << QStringLiteral("a.gpc3");
+        QTest::newRow("version infinite")
+                << QStringLiteral("version") << QStringLiteral("-inf") << QStringLiteral("a.gpc3");
+        QTest::newRow("file name with a bell")
+                << QStringLiteral("tags") << QStringLiteral("x") << QStringLiteral("a\u0007b.gpc3");
     }
 
     void invalidUploadFieldsAreRefused()
@@ -237,6 +248,32 @@ private Q_SLOTS:
             fields.append({field, value});
         const auto reply = server.upload(QStringLiteral("upload"), token, fields,
                                          {{QStringLiteral("script_file"), fileName, "{ not json or a script }"}});
+        QCOMPARE(reply.status, 400);
+        QCOMPARE(QDir(server.dataDirectory() + QStringLiteral("/files")).entryList(QDir::Files).size(), 1);
+    }
+
+    void eachUploadRouteTakesOnlyItsKind_data()
+    {
+        QTest::addColumn<QString>("path");
+        QTest::addColumn<QString>("part");
+        QTest::addColumn<QString>("fileName");
+        QTest::newRow("script through environments")
+                << QStringLiteral("qenv/upload") << QStringLiteral("script_file") << QStringLiteral("a.gpc3");
+        QTest::newRow("script through weights")
+                << QStringLiteral("onnx/upload") << QStringLiteral("onnx_file") << QStringLiteral("a.gpc3");
+        QTest::newRow("weights part through scripts")
+                << QStringLiteral("upload") << QStringLiteral("onnx_file") << QStringLiteral("m.onnx");
+    }
+
+    void eachUploadRouteTakesOnlyItsKind()
+    {
+        QFETCH(QString, path);
+        QFETCH(QString, part);
+        QFETCH(QString, fileName);
+        const auto reply = server.upload(path, token,
+                                         {{QStringLiteral("name"), QStringLiteral("Valid name")},
+                                          {QStringLiteral("description"), QStringLiteral("A valid description text")}},
+                                         {{part, fileName, "main {}"}});
         QCOMPARE(reply.status, 400);
         QCOMPARE(QDir(server.dataDirectory() + QStringLiteral("/files")).entryList(QDir::Files).size(), 1);
     }

@@ -32,6 +32,29 @@ private Q_SLOTS:
             QVERIFY2(help.contains(QLatin1String(option)), option);
     }
 
+    void unusableDataFoldersStopTheStart_data()
+    {
+        QTest::addColumn<QString>("directory");
+        QTest::addColumn<QString>("message");
+        // The tests may run as root, whom permissions do not stop; /proc refuses new files to everyone.
+        QTest::newRow("not writable") << QStringLiteral("/proc/self") << QStringLiteral("is not writable");
+        QTest::newRow("under a file") << QStringLiteral("/proc/self/status/data")
+                                      << QStringLiteral("Cannot use the data directory");
+    }
+
+    void unusableDataFoldersStopTheStart()
+    {
+        QFETCH(QString, directory);
+        QFETCH(QString, message);
+        QProcess process;
+        process.setProcessChannelMode(QProcess::MergedChannels);
+        process.start(program,
+                      {QStringLiteral("--data-dir"), directory, QStringLiteral("--port"), QStringLiteral("0")});
+        QVERIFY(process.waitForFinished(10000));
+        QCOMPARE(process.exitCode(), 1);
+        QVERIFY2(process.readAll().contains(message.toUtf8()), qPrintable(message));
+    }
+
     void curlUploadsAndDownloadsTheSameBytes()
     {
         QTemporaryDir data;

@@ -1,9 +1,12 @@
 #include "CatalogueServerFixture.h"
 
+#include <QDeadlineTimer>
 #include <QEventLoop>
 #include <QJsonDocument>
 #include <QNetworkProxy>
 #include <QNetworkReply>
+#include <QRegularExpression>
+#include <QTcpSocket>
 #include <QTimer>
 #include <QUrlQuery>
 
@@ -43,7 +46,13 @@ CatalogueServerFixture::CatalogueServerFixture(bool seedDemo, const QStringList 
     network.setProxy(QNetworkProxy::NoProxy);
 }
 
-CatalogueServerFixture::~CatalogueServerFixture() = default;
+CatalogueServerFixture::~CatalogueServerFixture()
+{
+    if (process) {
+        process->kill();
+        process->waitForFinished(10000);
+    }
+}
 
 bool CatalogueServerFixture::start()
 {
@@ -51,9 +60,80 @@ bool CatalogueServerFixture::start()
     return server->start(&startError);
 }
 
+bool CatalogueServerFixture::startProcess(const QStringList &arguments,
+                                          const QList<QPair<QString, QString>> &environment)
+{
+    if (process) {
+        process->kill();
+        process->waitForFinished(10000);
+    }
+    process = std::make_unique<QProcess>();
+    output.clear();
+    process->setProcessChannelMode(QProcess::MergedChannels);
+    QProcessEnvironment variables = QProcessEnvironment::systemEnvironment();
+    for (const auto &variable : environment)
+        variables.insert(variable.first, variable.second);
+    process->setProcessEnvironment(variables);
+    const QString program = qEnvironmentVariable("QUORIX_BINARY_DIR") + QStringLiteral("/bin/catalogue-server");
+    process->start(program, QStringList{QStringLiteral("--data-dir"), directory.path(), QStringLiteral("--port"),
+                                        QStringLiteral("0"), QStringLiteral("--dev-login")}
+                                    + arguments);
+    static const QRegularExpression listening(QStringLiteral("listening on http://127\\.0\\.0\\.1:(\\d+)"));
+    QDeadlineTimer deadline(30000);
+    while (!deadline.hasExpired() && process->state() != QProcess::NotRunning) {
+        process->waitForReadyRead(100);
+        output += process->readAll();
+        const QRegularExpressionMatch match = listening.match(QString::fromUtf8(output));
+        if (match.hasMatch()) {
+            processPort = quint16(match.captured(1).toUInt());
+            return true;
+        }
+    }
+    startError = QStringLiteral("catalogue-server did not start: ") + QString::fromUtf8(output);
+    return false;
+}
+
+bool CatalogueServerFixture::waitForProcessEnd()
+{
+    const bool ended = process && (process->state() == QProcess::NotRunning || process->waitForFinished(30000));
+    if (process)
+        output += process->readAll();
+    return ended;
+}
+
+QByteArray CatalogueServerFixture::processOutput()
+{
+    if (process)
+        output += process->readAll();
+    return output;
+}
+
+QByteArray CatalogueServerFixture::exchange(const QByteArray &raw, int waitMilliseconds)
+{
+    QTcpSocket socket;
+    socket.connectToHost(QHostAddress::LocalHost, port());
+    if (!socket.waitForConnected(5000))
+        return {};
+    socket.write(raw);
+    QByteArray received;
+    QDeadlineTimer deadline(waitMilliseconds);
+    while (!deadline.hasExpired()) {
+        if (socket.bytesAvailable() == 0 && !socket.waitForReadyRead(int(qMax<qint64>(1, deadline.remainingTime()))))
+            break;
+        received += socket.readAll();
+        const qsizetype headerEnd = received.indexOf("\r\n\r\n");
+        static const QRegularExpression length(QStringLiteral("(?i)\r\ncontent-length:\\s*(\\d+)"));
+        const QRegularExpressionMatch match = length.match(QString::fromLatin1(received.left(headerEnd)));
+        if (headerEnd >= 0 && !received.startsWith("HTTP/1.1 100") && match.hasMatch()
+            && received.size() >= headerEnd + 4 + match.captured(1).toLongLong())
+            break;
+    }
+    return received + socket.readAll();
+}
+
 quint16 CatalogueServerFixture::port() const
 {
-    return server ? server->port() : 0;
+    return server ? server->port() : processPort;
 }
 
 QString CatalogueServerFixture::origin() const

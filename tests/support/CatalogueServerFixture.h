@@ -8,6 +8,7 @@
 #include <QList>
 #include <QNetworkAccessManager>
 #include <QPair>
+#include <QProcess>
 #include <QString>
 #include <QStringList>
 #include <QTemporaryDir>
@@ -16,8 +17,9 @@
 
 namespace Quorix::Testing {
 
-// The reference catalogue server started in-process on a free 127.0.0.1 port, with a temporary data directory and
-// dev login, plus a blocking HTTP client for talking to it from tests.
+// The reference catalogue server on a free 127.0.0.1 port, with a temporary data directory and dev login, plus a
+// blocking HTTP client for talking to it from tests. start() runs it in-process; startProcess() runs the real
+// catalogue-server program, which tests can kill and start again on the same data.
 class CatalogueServerFixture
 {
 public:
@@ -40,8 +42,16 @@ public:
     explicit CatalogueServerFixture(bool seedDemo = false, const QStringList &administratorIds = {});
     ~CatalogueServerFixture();
 
+    // Shortens sign-ins for an in-process server; call before start().
+    void setSessionLifetime(qint64 seconds) { options.sessionLifetimeSeconds = seconds; }
     // False with the server's message in error() when it could not start.
     bool start();
+    // Starts the built catalogue-server program with these extra arguments and environment additions.
+    bool startProcess(const QStringList &arguments = {}, const QList<QPair<QString, QString>> &environment = {});
+    // Waits (at most 30 s) for the program to end, as it does when a crash point aborts it; false if it did not.
+    bool waitForProcessEnd();
+    // Everything the program last started printed so far.
+    QByteArray processOutput();
     QString error() const { return startError; }
     quint16 port() const;
     QString origin() const;
@@ -65,6 +75,10 @@ public:
     Reply uploadScript(const QString &token, const QString &fileName, const QByteArray &content,
                        const QString &visibility = QStringLiteral("public"), const QString &existingId = QString());
 
+    // Writes raw bytes on a fresh connection and returns what comes back until the server closes it, a whole response
+    // has arrived, or waitMilliseconds pass.
+    QByteArray exchange(const QByteArray &raw, int waitMilliseconds = 10000);
+
     // Sends any prepared request through the fixture's client and waits (at most 60 s) for the reply.
     Reply send(const QByteArray &method, const QString &url, const QByteArray &body,
                const QList<QPair<QByteArray, QByteArray>> &headers, const QString &token);
@@ -73,6 +87,9 @@ private:
     QTemporaryDir directory;
     CatalogueServer::Options options;
     std::unique_ptr<CatalogueServer> server;
+    std::unique_ptr<QProcess> process;
+    QByteArray output;
+    quint16 processPort = 0;
     QNetworkAccessManager network;
     QString startError;
 };
