@@ -1,6 +1,7 @@
 #include "ResourceCard.h"
 
 #include "CardThumbnail.h"
+#include "LikeButton.h"
 #include "core/ResourceRecord.h"
 
 #include <ThemedIcon.h>
@@ -27,6 +28,8 @@ QLabel *elidedLabel(const QString &text, const QString &styleSheet, QWidget *par
     label->setStyleSheet(styleSheet);
     label->ensurePolished();
     label->setText(label->fontMetrics().elidedText(text, Qt::ElideRight, innerWidth));
+    // A screen reader reads what the record says, not the ellipsis the card has room for.
+    label->setAccessibleName(text);
     if (label->text() != text)
         label->setToolTip(QStringLiteral("<p>%1</p>").arg(text.toHtmlEscaped()));
     return label;
@@ -129,7 +132,9 @@ void ResourceCard::buildLayout()
     picture->setStyleSheet(pictureStyle());
     auto *pictureLayout = new QVBoxLayout(picture);
     pictureLayout->setContentsMargins(0, 0, 0, 0);
-    pictureLayout->addWidget(new CardThumbnail(thumbnail, QSize(innerWidth, 120), this));
+    auto *thumbnailLabel = new CardThumbnail(thumbnail, QSize(innerWidth, 120), this);
+    thumbnailLabel->setAccessibleName(tr("Picture of %1").arg(name));
+    pictureLayout->addWidget(thumbnailLabel);
     holderLayout->addWidget(picture);
     layout->addWidget(pictureHolder);
 
@@ -168,21 +173,17 @@ void ResourceCard::buildLayout()
     layout->addWidget(downloadsLabel);
 
     auto *actions = new QHBoxLayout;
-    likeButton = createPillButton(QString(), body);
+    likeButton = new LikeButton(body);
     likeButton->setObjectName(QStringLiteral("scriptCardLikeButton"));
-    likeButton->setCheckable(true);
     likeButton->setIconSize(QSize(14, 14));
     likeButton->setMinimumWidth(56);
     likeButton->setFixedHeight(pillHeight);
-    connect(likeButton, &QPushButton::clicked, this, [this] {
-        // The server decides the new state; until it answers the button shows the last known one.
-        updateLikeButton();
-        emit likeClicked(id);
-    });
+    connect(likeButton, &QPushButton::clicked, this, [this] { emit likeClicked(id); });
     actions->addWidget(likeButton);
     actions->addStretch();
     actionButton = createPillButton(actionText(), body);
     actionButton->setObjectName(actionObjectName());
+    actionButton->setAccessibleName(tr("%1 %2").arg(actionText(), name));
     actionButton->setMinimumWidth(96);
     actionButton->setFixedHeight(pillHeight);
     connect(actionButton, &QPushButton::clicked, this, [this] { emit downloadClicked(id); });
@@ -221,13 +222,11 @@ void ResourceCard::updateLikeButton()
 {
     likeButton->setIcon(liked ? ThemedIcon::create(QStringLiteral(":/icons/heart-solid.svg"), QColor(0xe5, 0x39, 0x35))
                               : ThemedIcon::create(QStringLiteral(":/icons/heart-outline.svg")));
-    likeButton->setChecked(liked);
     if (likeButton->isEnabled())
         likeButton->setToolTip(liked ? tr("Already liked") : likeToolTip());
     else
         likeButton->setToolTip(likeDisabledToolTip);
-    likeButton->setText(likes >= 1 ? QString::number(likes) : QString());
-    likeButton->update();
+    likeButton->showState(liked, likes, likeDisabledToolTip);
 }
 
 void ResourceCard::paintEvent(QPaintEvent *)

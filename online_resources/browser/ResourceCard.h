@@ -9,6 +9,8 @@ class QPushButton;
 
 namespace Quorix {
 
+class LikeButton;
+
 // What every card in the catalogue grid shows the same way: picture, badges, name, meta line, description,
 // downloads, like and the main action. Each kind of card supplies only what sets it apart through the hooks below.
 class ResourceCard : public QWidget
@@ -81,7 +83,7 @@ private:
     QString likeDisabledToolTip;
 
     QLabel *visibilityBadge = nullptr;
-    QPushButton *likeButton = nullptr;
+    LikeButton *likeButton = nullptr;
     QPushButton *actionButton = nullptr;
 };
 
