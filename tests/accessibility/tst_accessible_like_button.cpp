@@ -170,4 +170,4 @@ void LikeButtonTest::everyWayOfPressingSendsOneRequestAndShowsTheAnswer()
 }
 
 QTEST_MAIN(LikeButtonTest)
-#include "tst_like_button.moc"
+#include "tst_accessible_like_button.moc"
