@@ -97,11 +97,13 @@ void AuthorizationManagementDialog::buildLayout()
     searchEdit->setObjectName(QStringLiteral("searchEdit"));
     searchEdit->setPlaceholderText(tr("Search by Discord ID or username (server-side)..."));
     searchEdit->setClearButtonEnabled(true);
+    searchEdit->setAccessibleName(tr("Search authorized users"));
     layout->addWidget(searchEdit);
 
     authorizationList = new QListWidget(this);
     authorizationList->setObjectName(QStringLiteral("authorizationList"));
     authorizationList->setMinimumHeight(200);
+    authorizationList->setAccessibleName(tr("Authorized users"));
     // Rows are several lines each; padding and a rule between them keep one person's lines together.
     authorizationList->setStyleSheet(QStringLiteral(
             "QListWidget::item { padding: 6px 4px; border-bottom: 1px solid palette(mid); }"
@@ -126,8 +128,9 @@ void AuthorizationManagementDialog::buildLayout()
     importButton = new QPushButton(tr("Import"), this);
     importButton->setObjectName(QStringLiteral("importButton"));
     importButton->setToolTip(tr("Import Discord IDs from file to grant access"));
+    // Tab reaches these too, but Enter in the fields below must not fire them.
     for (QPushButton *button : {refreshButton, revokeButton, exportButton, importButton}) {
-        button->setFocusPolicy(Qt::NoFocus);
+        button->setAutoDefault(false);
         buttonRow->addWidget(button);
     }
     buttonRow->addStretch();
@@ -144,6 +147,7 @@ void AuthorizationManagementDialog::buildLayout()
     notesEdit->setObjectName(QStringLiteral("notesEdit"));
     notesEdit->setMaximumHeight(50);
     notesEdit->setPlaceholderText(tr("Add a note..."));
+    notesEdit->setTabChangesFocus(true);
     form->addRow(tr("Notes (optional):"), notesEdit);
 
     auto *expiryRow = new QHBoxLayout;
@@ -158,6 +162,7 @@ void AuthorizationManagementDialog::buildLayout()
     expiresDateEdit->setDateTime(now.addDays(30));
     expiresDateEdit->setEnabled(false);
     expiresDateEdit->setMinimumWidth(130);
+    expiresDateEdit->setAccessibleName(tr("Expiry date"));
     expiryRow->addWidget(expiresCheckBox);
     expiryRow->addWidget(expiresDateEdit);
     expiryRow->addStretch();
@@ -166,6 +171,8 @@ void AuthorizationManagementDialog::buildLayout()
     grantButton = new QPushButton(tr("Grant Access"), grantGroup);
     grantButton->setObjectName(QStringLiteral("grantButton"));
     grantButton->setMinimumHeight(32);
+    // Granting is what the form is for: Enter in the Discord ID field grants.
+    grantButton->setDefault(true);
     form->addRow(grantButton);
     layout->addWidget(grantGroup);
 

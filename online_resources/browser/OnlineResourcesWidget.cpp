@@ -109,14 +109,19 @@ void OnlineResourcesWidget::buildLayout()
     searchEdit = new QLineEdit(this);
     searchEdit->setObjectName(QStringLiteral("searchEdit"));
     controls->addWidget(searchEdit, 1);
+    // The boxes show only their current item; the captions say what they choose, on screen and to screen readers.
     typeFilter = new QComboBox(this);
     typeFilter->setObjectName(QStringLiteral("typeFilter"));
     typeFilter->addItems({QString(), QStringLiteral("GPC3"), QStringLiteral("Python"), QStringLiteral("QENV"),
                           QStringLiteral("ONNX")});
+    typeLabel = createCaption(typeFilter);
+    controls->addWidget(typeLabel);
     controls->addWidget(typeFilter);
     sortCombo = new QComboBox(this);
     sortCombo->setObjectName(QStringLiteral("sortCombo"));
     sortCombo->addItems({QString(), QString(), QString(), QString()});
+    sortLabel = createCaption(sortCombo);
+    controls->addWidget(sortLabel);
     controls->addWidget(sortCombo);
     refreshButton = new ThemedToolButton(QStringLiteral(":/icons/refresh.svg"), this);
     refreshButton->setObjectName(QStringLiteral("refreshButton"));
@@ -276,6 +281,15 @@ void OnlineResourcesWidget::checkAuthentication()
     }
 }
 
+QLabel *OnlineResourcesWidget::createCaption(QWidget *field)
+{
+    auto *caption = new QLabel(this);
+    caption->setBuddy(field);
+    // In a narrow window the captions give way first, so the page stays as narrow as the controls allow.
+    caption->setMinimumWidth(1);
+    return caption;
+}
+
 void OnlineResourcesWidget::refreshUserControls()
 {
     const bool developerMode = settings && settings->value(QStringLiteral("developerMode"), false).toBool();
@@ -286,7 +300,15 @@ void OnlineResourcesWidget::refreshUserControls()
 void OnlineResourcesWidget::retranslateUi()
 {
     searchEdit->setPlaceholderText(tr("Search scripts..."));
+    // Assistive tools read neither a placeholder nor an icon, so the search box and refresh are named here.
+    searchEdit->setAccessibleName(tr("Search"));
+    searchEdit->setAccessibleDescription(tr("Filters the list as you type"));
+    typeLabel->setText(tr("Type:"));
+    sortLabel->setText(tr("Sort by:"));
+    scrollArea->setAccessibleName(tr("Resources"));
     refreshButton->setToolTip(tr("Refresh"));
+    refreshButton->setAccessibleName(tr("Refresh"));
+    refreshButton->setAccessibleDescription(tr("Loads the list again from the server"));
     uploadButton->setText(tr("Publish Script"));
     environmentsButton->setText(tr("Python Environments..."));
     typeFilter->setItemText(0, tr("All Types"));

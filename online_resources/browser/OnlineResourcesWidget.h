@@ -111,6 +111,8 @@ private:
     enum class Mode { Scripts, Environments, Weights };
 
     void buildLayout();
+    // A caption for a control that shows only its value, tied to it as its buddy.
+    QLabel *createCaption(QWidget *field);
     void connectApi();
     Mode mode() const;
     void resetPaging();
@@ -160,6 +162,8 @@ private:
     QLineEdit *searchEdit = nullptr;
     QComboBox *typeFilter = nullptr;
     QComboBox *sortCombo = nullptr;
+    QLabel *typeLabel = nullptr;
+    QLabel *sortLabel = nullptr;
     ThemedToolButton *refreshButton = nullptr;
     QPushButton *uploadButton = nullptr;
     QPushButton *environmentsButton = nullptr;

@@ -1,6 +1,7 @@
 #include "ResourceCard.h"
 
 #include "CardThumbnail.h"
+#include "LikeButton.h"
 #include "core/ResourceRecord.h"
 
 #include <ThemedIcon.h>
@@ -32,6 +33,8 @@ QLabel *elidedLabel(const QString &styleSheet, QWidget *parent)
 void setElidedText(QLabel *label, const QString &text)
 {
     label->setText(label->fontMetrics().elidedText(text, Qt::ElideRight, innerWidth));
+    // A screen reader reads what the record says, not the ellipsis the card has room for.
+    label->setAccessibleName(text);
     label->setToolTip(label->text() == text ? QString() : QStringLiteral("<p>%1</p>").arg(text.toHtmlEscaped()));
 }
 
@@ -84,6 +87,7 @@ void ResourceCard::readItem(const QJsonObject &item)
 void ResourceCard::showItem()
 {
     picture->showPicture(thumbnail);
+    picture->setAccessibleName(tr("Picture of %1").arg(name));
     showTypePill(typePill);
     showExtraPill(extraPill);
     setElidedText(nameLabel, name);
@@ -92,6 +96,7 @@ void ResourceCard::showItem()
     descriptionLabel->setText(description);
     downloadsLabel->setText(statsLine(ResourceRecord::abbreviatedCount(downloads)));
     actionButton->setText(actionText());
+    actionButton->setAccessibleName(tr("%1 %2").arg(actionText(), name));
     applyVisibilityBadge();
     applyDownloadState();
     updateLikeButton();
@@ -203,17 +208,12 @@ void ResourceCard::buildLayout()
     layout->addWidget(downloadsLabel);
 
     auto *actions = new QHBoxLayout;
-    likeButton = createPillButton(QString(), body);
+    likeButton = new LikeButton(body);
     likeButton->setObjectName(QStringLiteral("scriptCardLikeButton"));
-    likeButton->setCheckable(true);
     likeButton->setIconSize(QSize(14, 14));
     likeButton->setMinimumWidth(56);
     likeButton->setFixedHeight(pillHeight);
-    connect(likeButton, &QPushButton::clicked, this, [this] {
-        // The server decides the new state; until it answers the button shows the last known one.
-        updateLikeButton();
-        emit likeClicked(id);
-    });
+    connect(likeButton, &QPushButton::clicked, this, [this] { emit likeClicked(id); });
     actions->addWidget(likeButton);
     actions->addStretch();
     actionButton = createPillButton(QString(), body);
@@ -256,13 +256,11 @@ void ResourceCard::updateLikeButton()
 {
     likeButton->setIcon(liked ? ThemedIcon::create(QStringLiteral(":/icons/heart-solid.svg"), QColor(0xe5, 0x39, 0x35))
                               : ThemedIcon::create(QStringLiteral(":/icons/heart-outline.svg")));
-    likeButton->setChecked(liked);
     if (likeButton->isEnabled())
         likeButton->setToolTip(liked ? tr("Already liked") : likeToolTip());
     else
         likeButton->setToolTip(likeDisabledToolTip);
-    likeButton->setText(likes >= 1 ? QString::number(likes) : QString());
-    likeButton->update();
+    likeButton->showState(liked, likes, likeDisabledToolTip);
 }
 
 void ResourceCard::paintEvent(QPaintEvent *)

@@ -10,6 +10,7 @@ class QPushButton;
 namespace Quorix {
 
 class CardThumbnail;
+class LikeButton;
 
 // What every card in the catalogue grid shows the same way: picture, badges, name, meta line, description,
 // downloads, like and the main action. Each kind of card supplies only what sets it apart through the hooks below.
@@ -100,7 +101,7 @@ private:
     QLabel *descriptionLabel = nullptr;
     QLabel *downloadsLabel = nullptr;
     QLabel *visibilityBadge = nullptr;
-    QPushButton *likeButton = nullptr;
+    LikeButton *likeButton = nullptr;
     QPushButton *actionButton = nullptr;
 };
 

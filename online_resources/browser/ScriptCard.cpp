@@ -30,11 +30,14 @@ protected:
         QStyleOptionButton option;
         initStyleOption(&option);
         style()->drawControl(QStyle::CE_PushButton, &option, &painter, this);
-        // The clip cuts the style's own frame at the rounded ends; redraw the outline along the pill.
+        // The clip cuts the style's own frame, focus frame included, at the rounded ends; redraw the outline along
+        // the pill, in the highlight colour and thicker while the button has keyboard focus.
         painter.setClipping(false);
-        painter.setPen(QPen(palette().color(QPalette::Mid), 1));
+        const qreal penWidth = hasFocus() ? 2 : 1;
+        painter.setPen(QPen(palette().color(hasFocus() ? QPalette::Highlight : QPalette::Mid), penWidth));
         painter.setBrush(Qt::NoBrush);
-        painter.drawRoundedRect(QRectF(rect()).adjusted(0.5, 0.5, -0.5, -0.5), radius - 0.5, radius - 0.5);
+        const qreal inset = penWidth / 2;
+        painter.drawRoundedRect(QRectF(rect()).adjusted(inset, inset, -inset, -inset), radius - inset, radius - inset);
     }
 };
 

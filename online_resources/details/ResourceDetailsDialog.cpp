@@ -111,6 +111,8 @@ void ResourceDetailsDialog::buildLayout()
     scrollArea->setWidgetResizable(true);
     scrollArea->setFrameShape(QFrame::NoFrame);
     scrollArea->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
+    // Tab stops here so that the arrow keys can scroll a long description.
+    scrollArea->setAccessibleName(tr("Details"));
     auto *content = new QWidget(scrollArea);
     contentLayout = new QVBoxLayout(content);
     contentLayout->setContentsMargins(0, 0, 0, 0);
@@ -208,7 +210,7 @@ void ResourceDetailsDialog::buildLayout()
     closeButton->setObjectName(QStringLiteral("closeButton"));
     closeButton->setStyleSheet(QStringLiteral("QPushButton { padding: 5px 12px; }"));
     closeButton->setMinimumHeight(32);
-    // Focus and Enter go to Close rather than to the first button in the row, which is Author.
+    // Enter goes to the dialog's main action whenever it can act, else to Close, never to Author, the first button.
     closeButton->setDefault(true);
     buttons->addWidget(closeButton);
     outer->addLayout(buttons);
@@ -233,6 +235,8 @@ QPushButton *ResourceDetailsDialog::createIconButton(const QString &iconPath, co
     button->setObjectName(objectName);
     button->setIcon(ThemedIcon::create(iconPath));
     button->setToolTip(toolTip);
+    // An icon alone says nothing to a screen reader; the tool tip says what the button does.
+    button->setAccessibleName(toolTip);
     button->setFixedSize(32, 32);
     return button;
 }
@@ -290,6 +294,8 @@ void ResourceDetailsDialog::showLoadingState()
     disclaimerLabel->setText(presentation.showsScriptSections ? QString() : presentation.fixedDisclaimer);
     clearKindDetails();
     mainActionButton->setEnabled(false);
+    mainActionButton->setDefault(false);
+    closeButton->setDefault(true);
     deleteButton->setEnabled(false);
     authorButton->setEnabled(false);
     // Until the record is known a like would go to whatever was shown before.
@@ -449,6 +455,7 @@ void ResourceDetailsDialog::updateLikeButton()
     likeButton->setIcon(ThemedIcon::create(liked ? QStringLiteral(":/icons/heart-solid.svg")
                                                  : QStringLiteral(":/icons/heart-outline.svg")));
     likeButton->setText(liked ? tr("Unlike") : tr("Like"));
+    likeButton->setAccessibleDescription(likeCount == 1 ? tr("1 like") : tr("%1 likes").arg(likeCount));
 }
 
 void ResourceDetailsDialog::updateOwnerButtons()
@@ -485,6 +492,8 @@ void ResourceDetailsDialog::fillDownloadState()
 {
     const bool downloadable = ResourceRecord::canDownload(currentRecord);
     mainActionButton->setEnabled(downloadable);
+    mainActionButton->setDefault(downloadable);
+    closeButton->setDefault(!downloadable);
     const QString visibility = currentRecord.value(QLatin1String("visibility_type")).toString();
     if (downloadable)
         mainActionButton->setToolTip(QString());

@@ -59,6 +59,7 @@ void ScriptSelectionDialog::buildLayout()
     pathEdit->setPlaceholderText(tr("Select a script file (.gpc3, .gbc3, .py, .qenv, .onnx)"));
     // The path is only ever taken from the chooser, where its size and existence are checked.
     pathEdit->setReadOnly(true);
+    hint->setBuddy(pathEdit);
     pathRow->addWidget(pathEdit, 1);
     browseButton = new QPushButton(tr("Browse..."), this);
     browseButton->setObjectName(QStringLiteral("browseButton"));

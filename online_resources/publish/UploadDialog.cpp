@@ -17,6 +17,7 @@
 #include <QHBoxLayout>
 #include <QImageReader>
 #include <QJsonArray>
+#include <QKeyEvent>
 #include <QLabel>
 #include <QLineEdit>
 #include <QMessageBox>
@@ -43,7 +44,8 @@ constexpr int pickerHeight = 140;
 constexpr int previewWidth = 304;
 constexpr int maximumTagLength = 64;
 
-const char pickerStyle[] = "QLabel { font-size: 11px; border: 2px dashed #ccc; }";
+const char pickerStyle[] = "QLabel { font-size: 11px; border: 2px dashed #ccc; }"
+                           "QLabel:focus { border: 2px solid palette(highlight); }";
 const char borderedBadgeStyle[]
         = "QLabel { border: 1px solid #666; border-radius: 3px; font-size: 7pt; font-weight: bold; }";
 const char environmentBadgeStyle[] = "QLabel { background-color: #3776ab; color: white; border-radius: 3px; "
@@ -58,10 +60,12 @@ const char readyStyle[] = "QLabel { color: #888; font-size: 12px; }";
 const char problemStyle[] = "QLabel { color: #ff8844; font-size: 12px; }";
 const char buttonStyle[] = "QPushButton { padding: 8px 20px; }";
 
-QLabel *fieldLabel(const QString &text, QWidget *parent)
+// The caption is the field's buddy, which is how assistive tools learn the field's name.
+QLabel *fieldLabel(const QString &text, QWidget *field)
 {
-    auto *label = new QLabel(text, parent);
+    auto *label = new QLabel(text, field->parentWidget());
     label->setStyleSheet(QStringLiteral("QLabel { font-weight: bold; }"));
+    label->setBuddy(field);
     return label;
 }
 
@@ -144,7 +148,7 @@ void UploadDialog::buildLayout()
     uploadButton = new QPushButton(tr("Upload"), this);
     uploadButton->setObjectName(QStringLiteral("uploadButton"));
     uploadButton->setStyleSheet(QLatin1String(buttonStyle));
-    uploadButton->setAutoDefault(false);
+    uploadButton->setDefault(true);
     buttons->addWidget(uploadButton);
     layout->addLayout(buttons);
 
@@ -175,6 +179,10 @@ QWidget *UploadDialog::buildPreviewCard()
     imagePicker->setAlignment(Qt::AlignCenter);
     imagePicker->setStyleSheet(QLatin1String(pickerStyle));
     imagePicker->setCursor(Qt::PointingHandCursor);
+    // The picker opens from the keyboard too: Tab reaches it and Space or Enter opens the file dialog.
+    imagePicker->setFocusPolicy(Qt::StrongFocus);
+    imagePicker->setAccessibleName(tr("Header image"));
+    imagePicker->setAccessibleDescription(tr("Choose a picture of at most 4 MB; 1100x560 fits best"));
     imagePicker->installEventFilter(this);
     holderLayout->addWidget(imagePicker, 0, Qt::AlignHCenter);
     layout->addWidget(pictureHolder);
@@ -182,6 +190,7 @@ QWidget *UploadDialog::buildPreviewCard()
     nameEdit = new QLineEdit(card);
     nameEdit->setObjectName(QStringLiteral("nameEdit"));
     nameEdit->setPlaceholderText(tr("Script Name*"));
+    nameEdit->setAccessibleName(tr("Name"));
     nameEdit->setStyleSheet(
             QStringLiteral("QLineEdit { font-size: 16pt; font-weight: bold; margin: 0px; padding: 0px; }"));
     layout->addWidget(nameEdit);
@@ -222,6 +231,7 @@ QWidget *UploadDialog::buildPreviewCard()
     likeButton->setIconSize(QSize(14, 14));
     likeButton->setMinimumWidth(56);
     likeButton->setEnabled(false);
+    likeButton->setAccessibleName(tr("Like"));
     actions->addWidget(likeButton);
     actions->addStretch();
     auto *downloadButton = new QPushButton(tr("Download"), card);
@@ -246,33 +256,36 @@ QWidget *UploadDialog::buildDetails()
     detailsHeading->setStyleSheet(QStringLiteral("QLabel { font-size: 18px; font-weight: bold; }"));
     layout->addWidget(detailsHeading);
 
-    layout->addWidget(fieldLabel(tr("Description*"), details));
     descriptionEdit = new QTextEdit(details);
     descriptionEdit->setObjectName(QStringLiteral("descriptionEdit"));
     descriptionEdit->setAcceptRichText(false);
+    // Tab moves on to the next field rather than typing a tab character nobody sees in a description.
+    descriptionEdit->setTabChangesFocus(true);
+    layout->addWidget(fieldLabel(tr("Description*"), descriptionEdit));
     descriptionEdit->setPlaceholderText(tr("Describe what your script does..."));
     descriptionEdit->setFixedHeight(90);
     layout->addWidget(descriptionEdit);
 
-    layout->addWidget(fieldLabel(tr("Instructions"), details));
     instructionsEdit = new QTextEdit(details);
     instructionsEdit->setObjectName(QStringLiteral("instructionsEdit"));
     instructionsEdit->setAcceptRichText(false);
+    instructionsEdit->setTabChangesFocus(true);
+    layout->addWidget(fieldLabel(tr("Instructions"), instructionsEdit));
     instructionsEdit->setPlaceholderText(tr("How to use this script (optional)"));
     instructionsEdit->setFixedHeight(70);
     layout->addWidget(instructionsEdit);
 
-    layout->addWidget(fieldLabel(tr("Tags"), details));
     tagsEdit = new QLineEdit(details);
     tagsEdit->setObjectName(QStringLiteral("tagsEdit"));
+    layout->addWidget(fieldLabel(tr("Tags"), tagsEdit));
     tagsEdit->setPlaceholderText(tr("Enter tags separated by commas (e.g., fps, combat, aim)"));
     layout->addWidget(tagsEdit);
 
     auto *row = new QHBoxLayout;
     auto *visibilityColumn = new QVBoxLayout;
-    visibilityColumn->addWidget(fieldLabel(tr("Visibility*"), details));
     visibilityCombo = new QComboBox(details);
     visibilityCombo->setObjectName(QStringLiteral("visibilityCombo"));
+    visibilityColumn->addWidget(fieldLabel(tr("Visibility*"), visibilityCombo));
     visibilityCombo->addItem(tr("Public - Anyone can view and download"), QStringLiteral("public"));
     visibilityCombo->addItem(tr("Private - Only authorized users can view or download"), QStringLiteral("private"));
     visibilityCombo->addItem(tr("Locked - Anyone can view but only authorized users can download"),
@@ -280,9 +293,9 @@ QWidget *UploadDialog::buildDetails()
     visibilityColumn->addWidget(visibilityCombo);
     row->addLayout(visibilityColumn, 1);
     auto *versionColumn = new QVBoxLayout;
-    versionColumn->addWidget(fieldLabel(tr("Version"), details));
     versionEdit = new QLineEdit(QStringLiteral("1.00"), details);
     versionEdit->setObjectName(QStringLiteral("versionEdit"));
+    versionColumn->addWidget(fieldLabel(tr("Version"), versionEdit));
     versionEdit->setValidator(new QRegularExpressionValidator(
             QRegularExpression(QStringLiteral("^\\d{1,2}(\\.\\d{1,2})?$")), versionEdit));
     versionEdit->setMaximumWidth(90);
@@ -308,9 +321,9 @@ void UploadDialog::addEncryptionSection()
     if (encryptCheckBox)
         return;
     auto *parent = detailsHeading->parentWidget();
-    encryptionSlot->addWidget(fieldLabel(tr("ONNX Model Encryption"), parent));
     encryptCheckBox = new QCheckBox(tr("Encrypt model to .ennx format"), parent);
     encryptCheckBox->setObjectName(QStringLiteral("encryptCheckBox"));
+    encryptionSlot->addWidget(fieldLabel(tr("ONNX Model Encryption"), encryptCheckBox));
     encryptionSlot->addWidget(encryptCheckBox);
     auto *note = new QLabel(tr("ONNX weights are open source and can be used by anyone.\nENNX models are encrypted and "
                                "can only be used with Quorix.\nThe file extension will change from .onnx to .ennx"),
@@ -466,12 +479,21 @@ bool UploadDialog::eventFilter(QObject *watched, QEvent *event)
         painter.drawRoundedRect(QRectF(previewCard->rect()).adjusted(0.5, 0.5, -0.5, -0.5), 18, 18);
         return false;
     }
-    if (watched == imagePicker && event->type() == QEvent::MouseButtonRelease && imagePicker->isEnabled()
-        && static_cast<QMouseEvent *>(event)->button() == Qt::LeftButton) {
+    if (watched == imagePicker && imagePicker->isEnabled() && isPickerActivation(event)) {
         onBrowseImageClicked();
         return true;
     }
     return QDialog::eventFilter(watched, event);
+}
+
+bool UploadDialog::isPickerActivation(const QEvent *event)
+{
+    if (event->type() == QEvent::MouseButtonRelease)
+        return static_cast<const QMouseEvent *>(event)->button() == Qt::LeftButton;
+    if (event->type() != QEvent::KeyPress)
+        return false;
+    const int key = static_cast<const QKeyEvent *>(event)->key();
+    return key == Qt::Key_Space || key == Qt::Key_Return || key == Qt::Key_Enter;
 }
 
 bool UploadDialog::isAcceptableImage(const QString &path)

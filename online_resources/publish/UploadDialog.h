@@ -77,6 +77,8 @@ protected:
     bool eventFilter(QObject *watched, QEvent *event) override;
 
 private:
+    // A left click, Space or Enter on the image picker.
+    static bool isPickerActivation(const QEvent *event);
     enum class Kind { Script, Environment, Weights };
 
     void buildLayout();

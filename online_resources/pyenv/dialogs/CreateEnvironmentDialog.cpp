@@ -60,6 +60,8 @@ CreateEnvironmentDialog::CreateEnvironmentDialog(QWidget *parent)
     fileRequirementsRadio->setObjectName(QStringLiteral("fileRequirementsRadio"));
     requirementsPathEdit = new QLineEdit(requirementsGroup);
     requirementsPathEdit->setObjectName(QStringLiteral("requirementsPathEdit"));
+    // The option beside it is a radio button, which cannot be a label's buddy; the field names itself.
+    requirementsPathEdit->setAccessibleName(tr("Requirements file"));
     browseButton = new QPushButton(tr("Browse..."), requirementsGroup);
     browseButton->setObjectName(QStringLiteral("browseButton"));
     requirementsLayout->addWidget(defaultRequirementsRadio, 0, 0, 1, 3);

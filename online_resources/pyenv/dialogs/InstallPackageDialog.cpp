@@ -37,11 +37,14 @@ InstallPackageDialog::InstallPackageDialog(QWidget *parent)
     specificVersionEdit = new QLineEdit(versionGroup);
     specificVersionEdit->setObjectName(QStringLiteral("specificVersionEdit"));
     specificVersionEdit->setPlaceholderText(tr("e.g. 1.26.0"));
+    // Captioned by radio buttons, which cannot be buddies, so the fields name themselves.
+    specificVersionEdit->setAccessibleName(tr("Specific version"));
     constraintRadio = new QRadioButton(tr("Constraint:"), versionGroup);
     constraintRadio->setObjectName(QStringLiteral("constraintRadio"));
     constraintEdit = new QLineEdit(versionGroup);
     constraintEdit->setObjectName(QStringLiteral("constraintEdit"));
     constraintEdit->setPlaceholderText(tr("e.g. >=1.20,<2.0"));
+    constraintEdit->setAccessibleName(tr("Version constraint"));
     versionLayout->addWidget(latestRadio, 0, 0, 1, 2);
     versionLayout->addWidget(specificRadio, 1, 0);
     versionLayout->addWidget(specificVersionEdit, 1, 1);

@@ -87,10 +87,10 @@ void PythonEnvironmentDialog::buildLayout()
     splitter->setStretchFactor(1, 2);
     layout->addWidget(splitter, 1);
 
-    logToggleButton = new QPushButton(tr("Show Details"), this);
-    logToggleButton->setObjectName(QStringLiteral("logToggleButton"));
+    // The log is made before its toggle so that Tab reaches it in reading order, above the bottom row.
     logView = new QPlainTextEdit(this);
     logView->setObjectName(QStringLiteral("logView"));
+    logView->setAccessibleName(tr("Operation log"));
     logView->setReadOnly(true);
     logView->setMaximumBlockCount(logLineLimit);
     QFont logFont(QStringLiteral("Consolas"));
@@ -101,6 +101,8 @@ void PythonEnvironmentDialog::buildLayout()
     logView->hide();
     layout->addWidget(logView);
 
+    logToggleButton = new QPushButton(tr("Show Details"), this);
+    logToggleButton->setObjectName(QStringLiteral("logToggleButton"));
     auto *bottom = new QHBoxLayout;
     bottom->addWidget(logToggleButton);
     bottom->addStretch();
@@ -112,9 +114,10 @@ void PythonEnvironmentDialog::buildLayout()
     bottom->addWidget(closeButton);
     layout->addLayout(bottom);
 
-    // Enter in this window must never start an operation by itself.
+    // Enter in this window must never start an operation by itself; it only selects, which is what the window is for.
     for (QPushButton *button : findChildren<QPushButton *>())
         button->setAutoDefault(false);
+    selectButton->setDefault(true);
     connect(logToggleButton, &QPushButton::clicked, this, &PythonEnvironmentDialog::onLogToggled);
     connect(selectButton, &QPushButton::clicked, this, &PythonEnvironmentDialog::onSelectClicked);
     connect(closeButton, &QPushButton::clicked, this, &QDialog::reject);
@@ -128,6 +131,7 @@ QWidget *PythonEnvironmentDialog::buildEnvironmentsGroup()
     environmentList = new QListWidget(group);
     environmentList->setObjectName(QStringLiteral("environmentList"));
     environmentList->setWordWrap(true);
+    environmentList->setAccessibleName(tr("Environments"));
     layout->addWidget(environmentList, 1);
     auto *buttons = new QHBoxLayout;
     newButton = new QPushButton(tr("New"), group);
@@ -168,6 +172,7 @@ QWidget *PythonEnvironmentDialog::buildDetailsPane()
     auto *packagesLayout = new QVBoxLayout(packagesGroup);
     packageTable = new QTableWidget(0, 2, packagesGroup);
     packageTable->setObjectName(QStringLiteral("packageTable"));
+    packageTable->setAccessibleName(tr("Installed packages"));
     packageTable->setHorizontalHeaderLabels({tr("Package"), tr("Version")});
     packageTable->horizontalHeader()->setSectionResizeMode(0, QHeaderView::Stretch);
     packageTable->horizontalHeader()->setSectionResizeMode(1, QHeaderView::Interactive);

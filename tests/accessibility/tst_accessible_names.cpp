@@ -1,0 +1,396 @@
+#include "AccessibleTree.h"
+#include "BrowserTestData.h"
+#include "CatalogueServerFixture.h"
+#include "DetailsTestRecords.h"
+#include "ModalAnswerer.h"
+#include "TemporaryHome.h"
+
+#include "access/AuthorizationManagementDialog.h"
+#include "api/OnlineResourcesAPI.h"
+#include "browser/DownloadProgressDialog.h"
+#include "browser/OnlineResourcesWidget.h"
+#include "browser/QenvCard.h"
+#include "browser/ScriptCard.h"
+#include "details/ResourceDetailsDialog.h"
+#include "publish/ScriptSelectionDialog.h"
+#include "publish/UploadDialog.h"
+#include "pyenv/PythonEnvironmentManager.h"
+#include "pyenv/dialogs/CreateEnvironmentDialog.h"
+#include "pyenv/dialogs/InstallPackageDialog.h"
+#include "pyenv/dialogs/PythonEnvironmentDialog.h"
+
+#include <DemoCatalogue.h>
+#include <PluginHost.h>
+#include <SettingsManager.h>
+
+#include <QAbstractButton>
+#include <QAbstractItemView>
+#include <QAbstractSpinBox>
+#include <QAccessible>
+#include <QApplication>
+#include <QColor>
+#include <QComboBox>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonArray>
+#include <QLabel>
+#include <QLineEdit>
+#include <QPlainTextEdit>
+#include <QPushButton>
+#include <QTest>
+#include <QTextEdit>
+
+#include <functional>
+#include <memory>
+
+using namespace Quorix;
+using namespace Quorix::Testing;
+
+namespace {
+
+struct DialogContext
+{
+    OnlineResourcesAPI *api;
+    PythonEnvironmentManager *environments;
+    QString directory;
+};
+
+using DialogFactory = std::function<QDialog *(const DialogContext &)>;
+
+QString writeFile(const QString &directory, const QString &name, const QByteArray &content)
+{
+    QFile file(QDir(directory).filePath(name));
+    if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size())
+        return QString();
+    return file.fileName();
+}
+
+QDialog *details(DetailsTestRecords::Kind kind)
+{
+    ResourceDetailsDialog *dialog = DetailsTestRecords::createDialog(kind);
+    dialog->setCurrentUser(QString::fromLatin1(DetailsTestRecords::authorDiscordId), true);
+    dialog->setRecord(DetailsTestRecords::record(kind));
+    return dialog;
+}
+
+QDialog *uploadForm(const DialogContext &context, const QString &fileName)
+{
+    auto *form = new UploadDialog;
+    form->setApi(context.api);
+    form->setFile(writeFile(context.directory, fileName, "main {}"));
+    return form;
+}
+
+// Widgets a user works with; each must be reachable with Tab as well as with the pointer.
+bool isControl(const QWidget *widget)
+{
+    return qobject_cast<const QAbstractButton *>(widget) || qobject_cast<const QLineEdit *>(widget)
+           || qobject_cast<const QComboBox *>(widget) || qobject_cast<const QAbstractSpinBox *>(widget)
+           || (qobject_cast<const QAbstractItemView *>(widget) && !widget->inherits("QHeaderView"))
+           || qobject_cast<const QTextEdit *>(widget);
+}
+
+QStringList pointerOnlyControls(QWidget *window)
+{
+    QStringList found;
+    const QList<QWidget *> widgets = window->findChildren<QWidget *>();
+    for (QWidget *widget : widgets) {
+        if (isControl(widget) && widget->isVisible() && !(widget->focusPolicy() & Qt::TabFocus)
+            && !widget->parentWidget()->inherits("QAbstractSpinBox") && !widget->inherits("QLineEditIconButton"))
+            found.append(widget->objectName() + QLatin1Char(' ') + QLatin1String(widget->metaObject()->className()));
+    }
+    return found;
+}
+
+// An editor that types Tab as a character keeps keyboard users from leaving it.
+QStringList tabTraps(QWidget *window)
+{
+    QStringList found;
+    const QList<QWidget *> widgets = window->findChildren<QWidget *>();
+    for (QWidget *widget : widgets) {
+        const auto *text = qobject_cast<QTextEdit *>(widget);
+        const auto *plain = qobject_cast<QPlainTextEdit *>(widget);
+        const bool trapping = (text && !text->isReadOnly() && !text->tabChangesFocus())
+                              || (plain && !plain->isReadOnly() && !plain->tabChangesFocus());
+        if (trapping && widget->isVisible())
+            found.append(widget->objectName());
+    }
+    return found;
+}
+
+// A caption ends in a colon and names the field beside it; without a buddy nothing ties the two together.
+QStringList captionsWithoutBuddy(QWidget *window)
+{
+    QStringList found;
+    const QList<QLabel *> labels = window->findChildren<QLabel *>();
+    for (QLabel *label : labels) {
+        if (label->isVisible() && label->text().trimmed().endsWith(QLatin1Char(':')) && !label->buddy())
+            found.append(label->text());
+    }
+    return found;
+}
+
+QStringList defaultButtons(QWidget *window)
+{
+    QStringList found;
+    const QList<QPushButton *> buttons = window->findChildren<QPushButton *>();
+    for (QPushButton *button : buttons) {
+        if (button->isVisible() && button->isDefault())
+            found.append(button->objectName());
+    }
+    return found;
+}
+
+} // namespace
+
+Q_DECLARE_METATYPE(DialogFactory)
+
+class AccessibleNamesTest : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+    void cleanupTestCase();
+
+    void pageHasNoUnnamedControls();
+    void pageControlsSayWhatTheyDo_data();
+    void pageControlsSayWhatTheyDo();
+    void cardElementsCarryTheResource_data();
+    void cardElementsCarryTheResource();
+    void dialogsWorkWithoutPointer_data();
+    void dialogsWorkWithoutPointer();
+    void imagePickerOpensFromTheKeyboard_data();
+    void imagePickerOpensFromTheKeyboard();
+
+private:
+    std::unique_ptr<TemporaryHome> home;
+    std::unique_ptr<CatalogueServerFixture> catalogue;
+    std::unique_ptr<OnlineResourcesAPI> api;
+    PythonEnvironmentManager *environments = nullptr;
+    std::unique_ptr<OnlineResourcesWidget> page;
+    PluginHost host;
+    QString token;
+};
+
+void AccessibleNamesTest::initTestCase()
+{
+    home = std::make_unique<TemporaryHome>();
+    catalogue = std::make_unique<CatalogueServerFixture>(true);
+    QVERIFY2(catalogue->start(), qPrintable(catalogue->error()));
+    qputenv("QUORIX_SERVER_URL", catalogue->origin().toUtf8());
+    token = catalogue->signIn(QString::fromLatin1(DemoCatalogue::demoUserDiscordId),
+                              QString::fromLatin1(DemoCatalogue::demoUsername));
+    QVERIFY(!token.isEmpty());
+    host.signIn({QString::fromLatin1(DemoCatalogue::demoUserDiscordId),
+                 QString::fromLatin1(DemoCatalogue::demoUsername), QString::fromLatin1(DemoCatalogue::demoGlobalName),
+                 QString(), token});
+    SettingsManager::instance()->setValue(QStringLiteral("developerMode"), true);
+
+    api = std::make_unique<OnlineResourcesAPI>();
+    // With uv in place the environments window lists what is there instead of fetching uv.
+    environments = PythonEnvironmentManager::instance();
+    QVERIFY(QDir().mkpath(QFileInfo(environments->uvPath()).path()));
+    QFile uv(environments->uvPath());
+    QVERIFY(uv.open(QIODevice::WriteOnly));
+
+    page = std::make_unique<OnlineResourcesWidget>(nullptr);
+    page->setPluginHost(&host);
+    page->setSettingsManager(SettingsManager::instance());
+    page->resize(1300, 900);
+    page->show();
+    QTRY_COMPARE_WITH_TIMEOUT(page->findChildren<ScriptCard *>().size(), 24, 10000);
+}
+
+void AccessibleNamesTest::cleanupTestCase()
+{
+    page.reset();
+}
+
+void AccessibleNamesTest::pageHasNoUnnamedControls()
+{
+    const QStringList unnamed = AccessibleTree::unnamedControls(page.get());
+    QVERIFY2(unnamed.isEmpty(), qPrintable(unnamed.join(QLatin1String("\n"))));
+}
+
+void AccessibleNamesTest::pageControlsSayWhatTheyDo_data()
+{
+    QTest::addColumn<QString>("objectName");
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<bool>("described");
+    QTest::newRow("search box") << "searchEdit"
+                                << "Search" << true;
+    QTest::newRow("kind filter") << "typeFilter"
+                                 << "Type" << false;
+    QTest::newRow("sort order") << "sortCombo"
+                                << "Sort by" << false;
+    QTest::newRow("icon-only refresh") << "refreshButton"
+                                       << "Refresh" << true;
+    QTest::newRow("publish") << "uploadButton"
+                             << "Publish Script" << false;
+}
+
+void AccessibleNamesTest::pageControlsSayWhatTheyDo()
+{
+    QFETCH(QString, objectName);
+    QFETCH(QString, name);
+    QFETCH(bool, described);
+    auto *control = page->findChild<QWidget *>(objectName);
+    QVERIFY(control);
+    QAccessibleInterface *element = QAccessible::queryAccessibleInterface(control);
+    QCOMPARE(AccessibleTree::spokenName(element), name);
+    QCOMPARE(!element->text(QAccessible::Description).isEmpty(), described);
+}
+
+void AccessibleNamesTest::cardElementsCarryTheResource_data()
+{
+    QTest::addColumn<QJsonObject>("record");
+    QTest::addColumn<bool>("liked");
+    QTest::addColumn<int>("role");
+    QTest::addColumn<QString>("name");
+    QTest::addColumn<QString>("description");
+    QJsonObject longName = BrowserTestData::script(QStringLiteral("s1"));
+    longName.insert(QStringLiteral("name"), QStringLiteral("Fighting Game Combo Macro for Every Character"));
+    QJsonObject oneLike = BrowserTestData::script(QStringLiteral("s2"));
+    oneLike.insert(QStringLiteral("likes"), 1);
+    const QJsonObject script = BrowserTestData::script(QStringLiteral("s3"));
+    const QJsonObject environment = BrowserTestData::environment(QStringLiteral("e1"));
+
+    QTest::newRow("elided name reads in full") << longName << false << int(QAccessible::StaticText)
+                                               << longName.value(QStringLiteral("name")).toString() << QString();
+    QTest::newRow("thumbnail named after it")
+            << script << false << int(QAccessible::StaticText) << QStringLiteral("Picture of Item s3") << QString();
+    QTest::newRow("download names what it fetches")
+            << script << false << int(QAccessible::Button) << QStringLiteral("Download Item s3") << QString();
+    QTest::newRow("install names what it installs")
+            << environment << false << int(QAccessible::Button) << QStringLiteral("Install Item e1") << QString();
+    QTest::newRow("like offers the action, the count describes")
+            << script << false << int(QAccessible::CheckBox) << QStringLiteral("Like") << QStringLiteral("3 likes");
+    QTest::newRow("liked offers the unlike")
+            << script << true << int(QAccessible::CheckBox) << QStringLiteral("Unlike") << QStringLiteral("3 likes");
+    QTest::newRow("one like") << oneLike << false << int(QAccessible::CheckBox) << QStringLiteral("Like")
+                              << QStringLiteral("1 like");
+}
+
+void AccessibleNamesTest::cardElementsCarryTheResource()
+{
+    QFETCH(QJsonObject, record);
+    QFETCH(bool, liked);
+    QFETCH(int, role);
+    QFETCH(QString, name);
+    QFETCH(QString, description);
+    std::unique_ptr<ResourceCard> card;
+    if (record.value(QStringLiteral("type")) == QLatin1String("qenv"))
+        card = std::make_unique<QenvCard>(record);
+    else
+        card = std::make_unique<ScriptCard>(record);
+    card->setLiked(liked);
+    card->updateLikeButton();
+    card->show();
+
+    QAccessibleInterface *element = AccessibleTree::find(card.get(), role, name);
+    QVERIFY2(element, qPrintable(name));
+    if (!description.isEmpty())
+        QCOMPARE(element->text(QAccessible::Description), description);
+}
+
+void AccessibleNamesTest::dialogsWorkWithoutPointer_data()
+{
+    QTest::addColumn<DialogFactory>("open");
+    QTest::addColumn<QString>("defaultButton");
+    QTest::newRow("script details") << DialogFactory([](const DialogContext &) {
+        return details(DetailsTestRecords::Script);
+    }) << "downloadButton";
+    QTest::newRow("environment details") << DialogFactory([](const DialogContext &) {
+        return details(DetailsTestRecords::Environment);
+    }) << "installButton";
+    QTest::newRow("weights details") << DialogFactory([](const DialogContext &) {
+        return details(DetailsTestRecords::Weights);
+    }) << "downloadButton";
+    QTest::newRow("download progress") << DialogFactory([](const DialogContext &) {
+        auto *dialog = new DownloadProgressDialog(nullptr);
+        dialog->begin(QStringLiteral("Downloading..."));
+        return dialog;
+    }) << QString();
+    QTest::newRow("script selection") << DialogFactory([](const DialogContext &context) {
+        auto *dialog = new ScriptSelectionDialog(context.api);
+        dialog->setStartDirectory(context.directory);
+        return dialog;
+    }) << "proceedButton";
+    QTest::newRow("upload script") << DialogFactory([](const DialogContext &context) {
+        return uploadForm(context, QStringLiteral("form.gpc3"));
+    }) << "uploadButton";
+    QTest::newRow("upload environment") << DialogFactory([](const DialogContext &context) {
+        return uploadForm(context, QStringLiteral("form.qenv"));
+    }) << "uploadButton";
+    QTest::newRow("upload weights") << DialogFactory([](const DialogContext &context) {
+        return uploadForm(context, QStringLiteral("form.onnx"));
+    }) << "uploadButton";
+    QTest::newRow("access list") << DialogFactory([](const DialogContext &context) {
+        auto *dialog = new AuthorizationManagementDialog(context.api, QStringLiteral("res-1"), QStringLiteral("Res"));
+        dialog->setAttribute(Qt::WA_DeleteOnClose, false);
+        return dialog;
+    }) << "grantButton";
+    QTest::newRow("environments") << DialogFactory([](const DialogContext &context) {
+        return new PythonEnvironmentDialog(context.environments);
+    }) << "selectButton";
+    QTest::newRow("create environment") << DialogFactory([](const DialogContext &) {
+        return new CreateEnvironmentDialog;
+    }) << "createButton";
+    QTest::newRow("install package") << DialogFactory([](const DialogContext &) { return new InstallPackageDialog; })
+                                     << "installButton";
+}
+
+void AccessibleNamesTest::dialogsWorkWithoutPointer()
+{
+    QFETCH(DialogFactory, open);
+    QFETCH(QString, defaultButton);
+    std::unique_ptr<QDialog> dialog(open({api.get(), environments, home->path()}));
+    dialog->show();
+    QVERIFY(QTest::qWaitForWindowExposed(dialog.get()));
+
+    const QStringList unnamed = AccessibleTree::unnamedControls(dialog.get());
+    QVERIFY2(unnamed.isEmpty(), qPrintable(unnamed.join(QLatin1String("\n"))));
+    const QStringList pointerOnly = pointerOnlyControls(dialog.get());
+    QVERIFY2(pointerOnly.isEmpty(), qPrintable(pointerOnly.join(QLatin1String("\n"))));
+    const QStringList traps = tabTraps(dialog.get());
+    QVERIFY2(traps.isEmpty(), qPrintable(traps.join(QLatin1String("\n"))));
+    const QStringList captions = captionsWithoutBuddy(dialog.get());
+    QVERIFY2(captions.isEmpty(), qPrintable(captions.join(QLatin1String("\n"))));
+    QCOMPARE(defaultButtons(dialog.get()), defaultButton.isEmpty() ? QStringList() : QStringList{defaultButton});
+
+    QApplication::setActiveWindow(dialog.get());
+    QWidget *focus = dialog->focusWidget() ? dialog->focusWidget() : dialog.get();
+    QTest::keyClick(focus, Qt::Key_Escape);
+    QTRY_VERIFY(!dialog->isVisible());
+}
+
+void AccessibleNamesTest::imagePickerOpensFromTheKeyboard_data()
+{
+    QTest::addColumn<int>("key");
+    QTest::newRow("space") << int(Qt::Key_Space);
+    QTest::newRow("return") << int(Qt::Key_Return);
+    QTest::newRow("enter") << int(Qt::Key_Enter);
+}
+
+void AccessibleNamesTest::imagePickerOpensFromTheKeyboard()
+{
+    QFETCH(int, key);
+    const QString picture = writeFile(home->path(), QStringLiteral("header.png"),
+                                      DetailsTestRecords::pngBytes(QColor(0x58, 0x65, 0xf2)));
+    std::unique_ptr<QDialog> form(uploadForm({api.get(), environments, home->path()}, QStringLiteral("pick.gpc3")));
+    form->show();
+    QVERIFY(QTest::qWaitForWindowExposed(form.get()));
+    auto *picker = form->findChild<QLabel *>(QStringLiteral("imagePicker"));
+    QVERIFY(picker->focusPolicy() & Qt::TabFocus);
+
+    ModalAnswerer chooser;
+    chooser.chooseFile(picture);
+    QTest::keyClick(picker, Qt::Key(key));
+    QVERIFY(chooser.answered());
+    QVERIFY(!picker->pixmap().isNull());
+}
+
+QTEST_MAIN(AccessibleNamesTest)
+#include "tst_accessible_names.moc"
