@@ -127,6 +127,7 @@ QString limitText(qint64 bytes)
 CatalogueApi::CatalogueApi(CatalogueDatabase *database, const Settings &settings)
     : database(database)
     , settings(settings)
+    , imageLinks(settings.dataDirectory)
 { }
 
 BodyPolicy CatalogueApi::bodyPolicy(const ApiRequest &head)
@@ -918,8 +919,11 @@ ApiResponse CatalogueApi::image(Context &context, const QString &id, const QStri
     if (!isResourceId(id))
         return ApiResponse::error(400, QStringLiteral("Invalid resource ID"));
     const CatalogueDatabase::Resource resource = database->resource(id);
-    // A picture says as much as the record it belongs to, so it is shown to the same people.
-    if (!resource.hasImage || resource.authorBanned || !database->canSee(resource, context.caller))
+    // A picture says as much as the record it belongs to, so it is shown to the same people: those who may see the
+    // record now, and those who were sent its signed address with it.
+    const bool mayLook = database->canSee(resource, context.caller)
+                         || imageLinks.accepts(id, which, context.request.queryValue(QStringLiteral("key")));
+    if (!resource.hasImage || resource.authorBanned || !mayLook)
         return ApiResponse::error(404, QStringLiteral("Image not found"));
     const ResourceFiles files(settings.dataDirectory);
     const bool header = which == QLatin1String("header");
@@ -930,17 +934,26 @@ ApiResponse CatalogueApi::image(Context &context, const QString &id, const QStri
     return ApiResponse::file(path, type, QString());
 }
 
+QString CatalogueApi::signedImagePath(const QString &path) const
+{
+    static const QRegularExpression imagePath(QStringLiteral("^/images/([^/?]+)/(header|thumbnail)$"));
+    const QRegularExpressionMatch match = imagePath.match(path);
+    if (!match.hasMatch())
+        return path;
+    return path + QStringLiteral("?key=") + imageLinks.key(match.captured(1), match.captured(2));
+}
+
 QJsonObject CatalogueApi::withOrigin(QJsonObject record, const QString &origin) const
 {
     if (record.isEmpty())
         return record;
     const QString thumbnail = record.value(QStringLiteral("thumbnail")).toString();
     if (!thumbnail.isEmpty())
-        record.insert(QStringLiteral("thumbnail"), origin + thumbnail);
+        record.insert(QStringLiteral("thumbnail"), origin + signedImagePath(thumbnail));
     QJsonObject images = record.value(QStringLiteral("images")).toObject();
     for (const QString &key : images.keys()) {
         QJsonObject entry = images.value(key).toObject();
-        entry.insert(QStringLiteral("url"), origin + entry.value(QStringLiteral("url")).toString());
+        entry.insert(QStringLiteral("url"), origin + signedImagePath(entry.value(QStringLiteral("url")).toString()));
         images.insert(key, entry);
     }
     if (!images.isEmpty())

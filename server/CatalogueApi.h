@@ -4,6 +4,7 @@
 #include "ApiResponse.h"
 #include "CatalogueDatabase.h"
 #include "FileDigests.h"
+#include "ImageLinkSigner.h"
 
 #include <QJsonObject>
 #include <QSet>
@@ -81,12 +82,14 @@ private:
                             CatalogueDatabase::Resource *resource);
     // Finds a resource whose access list the caller manages.
     ApiResponse findManaged(Context &context, const QString &id, CatalogueDatabase::Resource *resource, bool toWrite);
+    QString signedImagePath(const QString &path) const;
     QJsonObject withOrigin(QJsonObject record, const QString &origin) const;
     bool isAdministrator(const CatalogueDatabase::User &user) const;
 
     CatalogueDatabase *database;
     Settings settings;
     FileDigests digests;
+    ImageLinkSigner imageLinks;
 };
 
 } // namespace Quorix

@@ -102,17 +102,22 @@ private Q_SLOTS:
     {
         QTest::addColumn<QString>("visibility");
         QTest::addColumn<bool>("asAuthor");
+        QTest::addColumn<QString>("key");
         QTest::addColumn<int>("status");
-        QTest::newRow("public to anyone") << QStringLiteral("public") << false << 200;
-        QTest::newRow("locked to anyone") << QStringLiteral("purchasable") << false << 200;
-        QTest::newRow("private to anyone") << QStringLiteral("private") << false << 404;
-        QTest::newRow("private to its author") << QStringLiteral("private") << true << 200;
+        const QString none, sent = QStringLiteral("sent"), forged = QStringLiteral("AAAAAAAAAAAAAAAAAAAAAA");
+        QTest::newRow("public to anyone") << QStringLiteral("public") << false << none << 200;
+        QTest::newRow("locked to anyone") << QStringLiteral("purchasable") << false << none << 200;
+        QTest::newRow("private to anyone") << QStringLiteral("private") << false << none << 404;
+        QTest::newRow("private to its author") << QStringLiteral("private") << true << none << 200;
+        QTest::newRow("private by the address sent to its author") << QStringLiteral("private") << false << sent << 200;
+        QTest::newRow("private by a forged address") << QStringLiteral("private") << false << forged << 404;
     }
 
     void imagesFollowTheirResource()
     {
         QFETCH(QString, visibility);
         QFETCH(bool, asAuthor);
+        QFETCH(QString, key);
         QFETCH(int, status);
         const QString token = server.signIn(authorId, QStringLiteral("alice"));
         QImage picture(80, 40, QImage::Format_RGB32);
@@ -130,9 +135,20 @@ private Q_SLOTS:
         const QString id
                 = uploaded.json.value(QStringLiteral("data")).toObject().value(QStringLiteral("id")).toString();
         QVERIFY(!id.isEmpty());
+        // The author's client shows the pictures by the addresses in the record, without its token.
+        const QJsonObject images = server.get(QStringLiteral("details/") + id, token)
+                                           .json.value(QStringLiteral("data"))
+                                           .toObject()
+                                           .value(QStringLiteral("images"))
+                                           .toObject();
         for (const QString &which : {QStringLiteral("header"), QStringLiteral("thumbnail")}) {
-            const auto image = server.send("GET", server.origin() + QStringLiteral("/images/%1/%2").arg(id, which), {},
-                                           {}, asAuthor ? token : QString());
+            const QString sentAddress = images.value(which).toObject().value(QStringLiteral("url")).toString();
+            QVERIFY2(sentAddress.contains(QStringLiteral("?key=")), qPrintable(sentAddress));
+            const QString plain = server.origin() + QStringLiteral("/images/%1/%2").arg(id, which);
+            const QString address = key.isEmpty() ? plain
+                                    : key == QLatin1String("sent") ? sentAddress
+                                                                   : plain + QStringLiteral("?key=") + key;
+            const auto image = server.send("GET", address, {}, {}, asAuthor ? token : QString());
             QCOMPARE(image.status, status);
         }
     }
