@@ -69,7 +69,7 @@ QString writeFile(const QString &directory, const QString &name, const QByteArra
 QDialog *details(DetailsTestRecords::Kind kind)
 {
     ResourceDetailsDialog *dialog = DetailsTestRecords::createDialog(kind);
-    dialog->setCurrentUser(QString::fromLatin1(DetailsTestRecords::authorDiscordId), true);
+    dialog->setCurrentUser(DetailsTestRecords::authorId, true);
     dialog->setRecord(DetailsTestRecords::record(kind));
     return dialog;
 }
@@ -200,7 +200,7 @@ void AccessibleNamesTest::initTestCase()
     page->setSettingsManager(SettingsManager::instance());
     page->resize(1300, 900);
     page->show();
-    QTRY_COMPARE_WITH_TIMEOUT(page->findChildren<ScriptCard *>().size(), 24, 10000);
+    QTRY_VERIFY_WITH_TIMEOUT(!page->findChildren<ScriptCard *>().isEmpty(), 10000);
 }
 
 void AccessibleNamesTest::cleanupTestCase()

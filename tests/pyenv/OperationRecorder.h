@@ -19,7 +19,9 @@ public:
     explicit OperationRecorder(PythonEnvironmentManager *manager);
 
     // Waits for operationFinished, then a little longer to catch a second one that must not come.
-    bool waitFinished(int limitMs = 60000);
+    // Generous: a loaded machine can take minutes over a real uv run, and a case that gives up early leaves the
+    // manager busy for the next one.
+    bool waitFinished(int limitMs = 240000);
     QStringList events(const QString &kind) const;
     QStringList all() const { return log; }
     int finishedCount() const { return finishes; }

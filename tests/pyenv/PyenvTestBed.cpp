@@ -188,7 +188,8 @@ QString PyenvTestBed::startIndex(const QString &folder)
     // own process, so the index keeps answering while the test thread waits on a child synchronously.
     auto *server = new QProcess;
     servers << server;
-    server->setStandardErrorFile(QProcess::nullDevice());
+    // Python's errors come with the output, so a server that dies at start says why in the failure.
+    server->setProcessChannelMode(QProcess::MergedChannels);
     server->start(QStringLiteral("python3"),
                   {QStringLiteral("-u"), QStringLiteral("-m"), QStringLiteral("http.server"), QStringLiteral("--bind"),
                    QStringLiteral("127.0.0.1"), QStringLiteral("--directory"), folder, QStringLiteral("0")});
@@ -201,7 +202,8 @@ QString PyenvTestBed::startIndex(const QString &folder)
         if (match.hasMatch())
             return QStringLiteral("http://127.0.0.1:%1/simple").arg(match.captured(1));
     }
-    failure = QStringLiteral("the package index did not start: ") + QString::fromUtf8(seen);
+    seen += server->readAllStandardOutput();
+    failure = QStringLiteral("the package index did not start (%1): %2").arg(server->errorString(), QString::fromUtf8(seen));
     return {};
 }
 
