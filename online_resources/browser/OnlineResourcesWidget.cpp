@@ -392,6 +392,14 @@ void OnlineResourcesWidget::onCardDownloadClicked(const QString &scriptId)
         scriptDownloads->start(scriptId);
 }
 
+// A list reply is taken only for the page last asked for: a next page asked for before a refresh, a new sort or a
+// new search may still arrive, before or after the new first page, and belongs to a list that is gone.
+bool OnlineResourcesWidget::answersPageInFlight(const QJsonObject &response) const
+{
+    const QJsonObject pagination = response.value(QLatin1String("pagination")).toObject();
+    return pagination.value(QLatin1String("current_page")).toInt(currentPage) == currentPage;
+}
+
 // A first page replaces the grid, any later page extends it, always in server order.
 void OnlineResourcesWidget::acceptPage(const QJsonArray &items)
 {
@@ -409,6 +417,8 @@ void OnlineResourcesWidget::onScriptsLoaded(const QJsonObject &response)
         finishLoading();
         return;
     }
+    if (!answersPageInFlight(response))
+        return;
     if (!response.value(QLatin1String("success")).toBool()) {
         finishLoading();
         const QString error = response.value(QLatin1String("error")).toString();
@@ -556,6 +566,8 @@ void OnlineResourcesWidget::onEnvironmentsLoaded(const QJsonObject &response)
         finishLoading();
         return;
     }
+    if (!answersPageInFlight(response))
+        return;
     if (!response.value(QLatin1String("success")).toBool()) {
         finishLoading();
         const QString error = response.value(QLatin1String("error")).toString();
@@ -611,6 +623,8 @@ void OnlineResourcesWidget::onWeightsLoaded(const QJsonObject &response)
         finishLoading();
         return;
     }
+    if (!answersPageInFlight(response))
+        return;
     if (!response.value(QLatin1String("success")).toBool()) {
         finishLoading();
         showGridMessage(tr("Failed to load weights: %1").arg(response.value(QLatin1String("error")).toString()));
@@ -756,7 +770,9 @@ void OnlineResourcesWidget::loadNextPage()
 
 void OnlineResourcesWidget::onScrollValueChanged(int value)
 {
-    if (value >= scrollArea->verticalScrollBar()->maximum() - scrollThreshold)
+    // Clearing the list for a refresh collapses the range to 0, which is no bottom reached: a next page asked
+    // for then would arrive after, or instead of, the first.
+    if (loadedItems->count() > 0 && value >= scrollArea->verticalScrollBar()->maximum() - scrollThreshold)
         onScrolledToBottom();
 }
 

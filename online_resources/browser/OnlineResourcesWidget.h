@@ -129,6 +129,7 @@ private:
     void clearGrid();
     void showGridMessage(const QString &message);
     QJsonObject listParameters(Mode listMode) const;
+    bool answersPageInFlight(const QJsonObject &response) const;
     void acceptPage(const QJsonArray &items);
     ResourceCard *createCard(const QJsonObject &item, QWidget *parent);
     void prepareCard(ResourceCard *card) const;

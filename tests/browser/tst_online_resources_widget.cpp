@@ -4,6 +4,7 @@
 #include "TemporaryHome.h"
 
 #include "api/OnlineResourcesAPI.h"
+#include "browser/CardGridModel.h"
 #include "browser/OnlineResourcesWidget.h"
 #include "browser/OnnxCard.h"
 #include "browser/QenvCard.h"
@@ -141,6 +142,7 @@ private slots:
     void cardsSitInColumnsThatFitTheViewport_data();
     void cardsSitInColumnsThatFitTheViewport();
     void scrollingLoadsFollowingPagesInServerOrderOnlyOnce();
+    void refreshWhileAPageIsInFlightShowsOnlyTheNewList();
     void onlyRowsNearTheViewportHaveCardsAndTheyShowTheLatestState();
     void messagesInTheGrid_data();
     void messagesInTheGrid();
@@ -299,6 +301,35 @@ void OnlineResourcesWidgetTest::scrollingLoadsFollowingPagesInServerOrderOnlyOnc
     QCOMPARE(requestsTo(listPath).size(), 3);
 }
 
+// Emptying a scrolled grid is no bottom reached, and a page of the list before the refresh has no place in it.
+void OnlineResourcesWidgetTest::refreshWhileAPageIsInFlightShowsOnlyTheNewList()
+{
+    setScriptPage(BrowserTestData::scripts("a", 1, 24), 1, 3, 60);
+    auto page = makePage();
+    QScrollBar *bar = scrollBar(page.get());
+    QTRY_COMPARE(columnsInView(page.get()), 2);
+    server.setRule(listPath,
+                   ScriptedResponse::json(BrowserTestData::scriptPage(BrowserTestData::scripts("b", 1, 24), 2, 3, 60))
+                           .withDelay(400));
+    bar->setValue(bar->maximum());
+    QVERIFY(waitForRequestsTo(listPath, 2));
+
+    setScriptPage(BrowserTestData::scripts("r", 1, 24), 1, 3, 60);
+    page->findChild<QAbstractButton *>(QStringLiteral("refreshButton"))->click();
+    QVERIFY(waitForRequestsTo(listPath, 3));
+    QTest::qWait(600);
+    QCOMPARE(requestsTo(listPath).size(), 3);
+    QCOMPARE(requestsTo(listPath).last().query().queryItemValue("page"), "1");
+    const CardGridModel *loaded = page->findChild<CardGridModel *>();
+    QStringList ids;
+    for (int index = 0; index < loaded->count(); ++index)
+        ids.append(loaded->item(index).value("id").toString());
+    QStringList expected;
+    for (const QJsonValue item : BrowserTestData::scripts("r", 1, 24))
+        expected.append(item.toObject().value("id").toString());
+    QCOMPARE(ids, expected);
+}
+
 void OnlineResourcesWidgetTest::onlyRowsNearTheViewportHaveCardsAndTheyShowTheLatestState()
 {
     QImage picture(64, 32, QImage::Format_RGB32);
@@ -310,6 +341,8 @@ void OnlineResourcesWidgetTest::onlyRowsNearTheViewportHaveCardsAndTheyShowTheLa
     server.setRule("/thumb.png", ScriptedResponse::bytes(png, "image/png"));
     auto page = makePage(1000, 800);
     QVERIFY(waitUntilIdle(page.get()));
+    // The pages below are handed over directly; the server never answers the page's own requests for them.
+    server.setRule(listPath, ScriptedResponse::json({}).stallingAfter(0));
     QStringList ids;
     for (int number = 1; number <= 10; ++number) {
         QJsonArray items;
@@ -318,6 +351,8 @@ void OnlineResourcesWidgetTest::onlyRowsNearTheViewportHaveCardsAndTheyShowTheLa
             items.append(BrowserTestData::record("script", ids.last(),
                                                  {{"thumbnail", server.url("/thumb.png").toString()}}));
         }
+        // As the page asks for them: a refresh for the first, reaching the bottom for each next one.
+        QMetaObject::invokeMethod(page.get(), number == 1 ? "onRefreshClicked" : "onScrolledToBottom");
         emit page->api()->scriptsLoaded(BrowserTestData::scriptPage(items, number, 10, 240));
     }
     const int columns = columnsInView(page.get());
