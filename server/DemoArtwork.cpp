@@ -161,7 +161,9 @@ QByteArray DemoArtwork::png(const QImage &image)
     QByteArray bytes;
     QBuffer buffer(&bytes);
     buffer.open(QIODevice::WriteOnly);
-    image.save(&buffer, "PNG");
+    // Light compression: these pictures live in a temporary catalogue on this machine, and the default level
+    // takes several times longer to write.
+    image.save(&buffer, "PNG", 80);
     return bytes;
 }
 

@@ -11,6 +11,9 @@
 #include <QRandomGenerator>
 #include <QRegularExpression>
 #include <QUuid>
+#include <QtConcurrentMap>
+
+#include <numeric>
 
 namespace Quorix {
 
@@ -307,11 +310,20 @@ bool DemoCatalogue::seedIfEmpty(QString *error)
         *error = QStringLiteral("Cannot create the storage folders");
         return false;
     }
+    // Drawing is most of a first start; the pictures are drawn side by side, each from a seed taken in order.
+    QList<quint32> seeds;
+    for (int i = 0; i < writes.size(); ++i)
+        seeds.append(random.generate());
+    QList<int> order(writes.size());
+    std::iota(order.begin(), order.end(), 0);
+    const QList<DemoArtwork::Pictures> drawn = QtConcurrent::blockingMapped(order, [&](int i) {
+        return DemoArtwork::pictures(writes.at(i).name, writes.at(i).subtype, seeds.at(i));
+    });
     for (int i = 0; i < writes.size(); ++i) {
         CatalogueDatabase::ResourceWrite &write = writes[i];
         write.fileSize = contents.at(i).size();
         write.sha256 = QCryptographicHash::hash(contents.at(i), QCryptographicHash::Sha256);
-        const DemoArtwork::Pictures pictures = DemoArtwork::pictures(write.name, write.subtype, random.generate());
+        const DemoArtwork::Pictures &pictures = drawn.at(i);
         write.imageSha256 = QCryptographicHash::hash(pictures.header, QCryptographicHash::Sha256);
         if (!files.stage(files.resourceFile(write.id), contents.at(i))
             || !files.stage(files.headerImage(write.id), pictures.header)
