@@ -213,6 +213,8 @@ void ResourceCard::buildLayout()
     likeButton->setIconSize(QSize(14, 14));
     likeButton->setMinimumWidth(56);
     likeButton->setFixedHeight(pillHeight);
+    // The grid is one keyboard stop whose Enter opens the card; its dialog offers like and download to the keyboard.
+    likeButton->setFocusPolicy(Qt::NoFocus);
     connect(likeButton, &QPushButton::clicked, this, [this] { emit likeClicked(id); });
     actions->addWidget(likeButton);
     actions->addStretch();
@@ -220,6 +222,7 @@ void ResourceCard::buildLayout()
     actionButton->setObjectName(actionObjectName());
     actionButton->setMinimumWidth(96);
     actionButton->setFixedHeight(pillHeight);
+    actionButton->setFocusPolicy(Qt::NoFocus);
     connect(actionButton, &QPushButton::clicked, this, [this] { emit downloadClicked(id); });
     actions->addWidget(actionButton);
     layout->addLayout(actions);
@@ -263,6 +266,11 @@ void ResourceCard::updateLikeButton()
     likeButton->showState(liked, likes, likeDisabledToolTip);
 }
 
+void ResourceCard::activate()
+{
+    emit clicked(id);
+}
+
 void ResourceCard::paintEvent(QPaintEvent *)
 {
     // The card's surface: a rounded panel one step off the window colour, so cards stand out in both themes.
@@ -276,7 +284,7 @@ void ResourceCard::paintEvent(QPaintEvent *)
 void ResourceCard::mouseReleaseEvent(QMouseEvent *event)
 {
     if (event->button() == Qt::LeftButton && rect().contains(event->position().toPoint()))
-        emit clicked(id);
+        activate();
     QWidget::mouseReleaseEvent(event);
 }
 

@@ -36,6 +36,8 @@ public:
     // A disabled like button carries the reason as its tool tip instead of the like hint.
     void setLikeEnabled(bool enabled, const QString &disabledToolTip);
     void updateLikeButton();
+    // Opens the card as a click on it does; the grid's keyboard and assistive tools come through here.
+    void activate();
 
 Q_SIGNALS:
     void clicked(const QString &id);

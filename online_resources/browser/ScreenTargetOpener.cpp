@@ -1,5 +1,7 @@
 #include "ScreenTargetOpener.h"
 
+#include "CardGridModel.h"
+#include "CardGridView.h"
 #include "DownloadProgressDialog.h"
 #include "OnlineResourcesWidget.h"
 #include "access/AuthorizationManagementDialog.h"
@@ -51,6 +53,8 @@ bool ScreenTargetOpener::open(const QString &target)
         return scrollGrid(argument, true);
     if (kind == QLatin1String("grid-bottom"))
         return scrollGrid(argument, false);
+    if (kind == QLatin1String("grid-focus"))
+        return focusGrid(argument);
     return false;
 }
 
@@ -138,6 +142,27 @@ bool ScreenTargetOpener::scrollGrid(const QString &argument, bool backToTop)
         steps->deleteLater();
     });
     steps->start();
+    return true;
+}
+
+// Gives the grid the keyboard focus on the item at `argument` once it is loaded, as Tab and the arrows would.
+bool ScreenTargetOpener::focusGrid(const QString &argument)
+{
+    bool isNumber = false;
+    const int index = argument.toInt(&isNumber);
+    auto *grid = page->findChild<CardGridView *>();
+    if (!isNumber || index < 0 || !grid)
+        return false;
+    auto *poll = new QTimer(this);
+    poll->setInterval(100);
+    connect(poll, &QTimer::timeout, this, [poll, grid, index, attempts = 100]() mutable {
+        if (grid->items()->count() <= index && --attempts > 0)
+            return;
+        grid->setFocus(Qt::TabFocusReason);
+        grid->setCurrentIndex(index);
+        poll->deleteLater();
+    });
+    poll->start();
     return true;
 }
 

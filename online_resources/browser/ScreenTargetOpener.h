@@ -34,6 +34,7 @@ private:
 
     bool openEnvironments(const QString &argument);
     bool scrollGrid(const QString &argument, bool backToTop);
+    bool focusGrid(const QString &argument);
 
     // Looks the resource up by its exact name with the page's credentials, without touching the page's grid.
     void findResource(Kind kind, const QString &name, const RecordHandler &found);

@@ -7,6 +7,8 @@
 
 #include "access/AuthorizationManagementDialog.h"
 #include "api/OnlineResourcesAPI.h"
+#include "browser/CardGridModel.h"
+#include "browser/CardGridView.h"
 #include "browser/DownloadProgressDialog.h"
 #include "browser/OnlineResourcesWidget.h"
 #include "browser/QenvCard.h"
@@ -159,6 +161,8 @@ private slots:
     void pageControlsSayWhatTheyDo();
     void cardElementsCarryTheResource_data();
     void cardElementsCarryTheResource();
+    void gridItemsReadAndOpenAsResources();
+    void keyboardAloneOpensAndLikesTheThirtiethCard();
     void dialogsWorkWithoutPointer_data();
     void dialogsWorkWithoutPointer();
     void imagePickerOpensFromTheKeyboard_data();
@@ -293,6 +297,101 @@ void AccessibleNamesTest::cardElementsCarryTheResource()
     QVERIFY2(element, qPrintable(name));
     if (!description.isEmpty())
         QCOMPARE(element->text(QAccessible::Description), description);
+}
+
+namespace {
+
+ResourceDetailsDialog *visibleDetails()
+{
+    const QList<QWidget *> windows = QApplication::topLevelWidgets();
+    for (QWidget *window : windows) {
+        if (auto *dialog = qobject_cast<ResourceDetailsDialog *>(window); dialog && dialog->isVisible())
+            return dialog;
+    }
+    return nullptr;
+}
+
+QString detailsTitle()
+{
+    ResourceDetailsDialog *dialog = visibleDetails();
+    return dialog ? dialog->findChild<QLabel *>(QStringLiteral("titleLabel"))->text() : QString();
+}
+
+} // namespace
+
+// Items not built as cards still read as resources, and pressing one opens it as a click on its card would.
+void AccessibleNamesTest::gridItemsReadAndOpenAsResources()
+{
+    auto *grid = page->findChild<CardGridView *>();
+    QAccessibleInterface *list = QAccessible::queryAccessibleInterface(grid);
+    QCOMPARE(list->role(), QAccessible::List);
+    QTRY_COMPARE(list->childCount(), grid->items()->count());
+    const int last = list->childCount() - 1;
+    QVERIFY2(!grid->cardAt(last), "the last loaded item should be outside the band for this check");
+    for (int index : {0, last}) {
+        QAccessibleInterface *item = list->child(index);
+        const QJsonObject record = grid->items()->item(index);
+        QCOMPARE(item->role(), QAccessible::ListItem);
+        QCOMPARE(list->indexOfChild(item), index);
+        QCOMPARE(item->text(QAccessible::Name), record.value(QStringLiteral("name")).toString());
+        const QString description = item->text(QAccessible::Description);
+        QVERIFY2(description.contains(record.value(QStringLiteral("author")).toObject().value(QStringLiteral("username")).toString())
+                         && description.contains(QStringLiteral("%1 downloads").arg(record.value(QStringLiteral("downloads")).toInt())),
+                 qPrintable(description));
+        QVERIFY(item->state().focusable);
+    }
+    QAccessibleInterface *item = list->child(last);
+    item->actionInterface()->doAction(QAccessibleActionInterface::pressAction());
+    QTRY_COMPARE(detailsTitle(), item->text(QAccessible::Name));
+    visibleDetails()->close();
+}
+
+void AccessibleNamesTest::keyboardAloneOpensAndLikesTheThirtiethCard()
+{
+    auto *grid = page->findChild<CardGridView *>();
+    // A fresh list, as after signing in: nothing current, the first page at the top.
+    QMetaObject::invokeMethod(page.get(), "onRefreshClicked");
+    QTRY_VERIFY(grid->items()->count() > 0 && grid->isShowingItems());
+    QCOMPARE(grid->currentIndex(), -1);
+    QApplication::setActiveWindow(page.get());
+    auto *search = page->findChild<QWidget *>(QStringLiteral("searchEdit"));
+    search->setFocus();
+    for (int step = 0; step < 10 && QApplication::focusWidget() != grid; ++step)
+        QTest::keyClick(QApplication::focusWidget(), Qt::Key_Tab);
+    QCOMPARE(QApplication::focusWidget(), grid);
+    QCOMPARE(grid->currentIndex(), 0);
+
+    // Down until the 30th card's row, paging in more on the way; then along that row.
+    const auto rowOf = [grid](int index) { return grid->itemRect(index).y(); };
+    for (int step = 0; step < 40 && rowOf(grid->currentIndex()) < rowOf(29); ++step) {
+        QTest::keyClick(grid, Qt::Key_Down);
+        QTRY_VERIFY(grid->items()->count() > 29 || rowOf(grid->currentIndex()) < rowOf(grid->items()->count() - 1));
+    }
+    for (int step = 0; step < 6 && grid->currentIndex() != 29; ++step)
+        QTest::keyClick(grid, grid->currentIndex() < 29 ? Qt::Key_Right : Qt::Key_Left);
+    QCOMPARE(grid->currentIndex(), 29);
+    QVERIFY(grid->cardAt(29) && grid->cardAt(29)->visibleRegion().boundingRect().size() == grid->cardAt(29)->size());
+    const QString name = grid->items()->item(29).value(QStringLiteral("name")).toString();
+
+    QTest::keyClick(grid, Qt::Key_Return);
+    QTRY_COMPARE(detailsTitle(), name);
+    ResourceDetailsDialog *dialog = visibleDetails();
+    QApplication::setActiveWindow(dialog);
+    auto *like = dialog->findChild<QPushButton *>(QStringLiteral("likeButton"));
+    QTRY_VERIFY(like->isEnabled());
+    for (int step = 0; step < 20 && QApplication::focusWidget() != like; ++step)
+        QTest::keyClick(QApplication::focusWidget(), Qt::Key_Tab);
+    QCOMPARE(QApplication::focusWidget(), like);
+    const QString before = like->text();
+    QTest::keyClick(like, Qt::Key_Space);
+    QTRY_VERIFY(like->text() != before);
+
+    QTest::keyClick(like, Qt::Key_Escape);
+    QTRY_VERIFY(!dialog->isVisible());
+    // The window system gives the page its activation back; the page must still have the grid focused.
+    QApplication::setActiveWindow(page.get());
+    QTRY_COMPARE(QApplication::focusWidget(), grid);
+    QCOMPARE(grid->currentIndex(), 29);
 }
 
 void AccessibleNamesTest::dialogsWorkWithoutPointer_data()
