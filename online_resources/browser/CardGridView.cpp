@@ -55,6 +55,8 @@ CardGridView::CardGridView(CardGridModel *model, QScrollArea *area, CardFactory 
     }();
     Q_UNUSED(accessibleInstalled)
     setFocusPolicy(Qt::StrongFocus);
+    // The grid is the one keyboard stop; the scroll area around it would be a second, invisible one.
+    area->setFocusPolicy(Qt::NoFocus);
     setAccessibleName(tr("Resources"));
     // Rows are added below: growing must not repaint the cards already on screen.
     setAttribute(Qt::WA_StaticContents);
