@@ -179,25 +179,14 @@ void EnvironmentDialogsTest::createValidation_data()
     QTest::addColumn<QString>("message");
     const QString characters = "Error: Name can only contain letters, numbers, hyphens, and underscores";
     const QString noFile = "Error: Please select a valid requirements file";
-    QTest::newRow("empty") << "  "
-                           << "default"
-                           << "Error: Environment name is required";
-    QTest::newRow("space") << "my env"
-                           << "default" << characters;
-    QTest::newRow("dot") << "cuda-12.1"
-                         << "default" << characters;
-    QTest::newRow("no file") << "vision"
-                             << "" << noFile;
-    QTest::newRow("missing file") << "vision"
-                                  << "missing.txt" << noFile;
-    QTest::newRow("default list") << "vision_2"
-                                  << "default"
-                                  << "";
-    QTest::newRow("file") << "vision-2"
-                          << "present.txt"
-                          << "";
-    QTest::newRow("existing") << "existing"
-                              << "default"
+    QTest::newRow("empty") << "  " << "default" << "Error: Environment name is required";
+    QTest::newRow("space") << "my env" << "default" << characters;
+    QTest::newRow("dot") << "cuda-12.1" << "default" << characters;
+    QTest::newRow("no file") << "vision" << "" << noFile;
+    QTest::newRow("missing file") << "vision" << "missing.txt" << noFile;
+    QTest::newRow("default list") << "vision_2" << "default" << "";
+    QTest::newRow("file") << "vision-2" << "present.txt" << "";
+    QTest::newRow("existing") << "existing" << "default"
                               << "Warning: An environment with this name already exists. It will be replaced.";
 }
 
@@ -316,15 +305,10 @@ void EnvironmentDialogsTest::badPackageInputEndsInTheManagersMessage_data()
     QTest::addColumn<QString>("name");
     QTest::addColumn<QString>("constraint");
     QTest::addColumn<QString>("detail"); // empty: whatever uv says
-    QTest::newRow("shell text") << "quorix-beta; rm -rf ~"
-                                << ""
-                                << "";
-    QTest::newRow("index option") << "--index-url=http://127.0.0.1:1/evil"
-                                  << ""
+    QTest::newRow("shell text") << "quorix-beta; rm -rf ~" << "" << "";
+    QTest::newRow("index option") << "--index-url=http://127.0.0.1:1/evil" << ""
                                   << "'--index-url=http://127.0.0.1:1/evil' is not a package specification";
-    QTest::newRow("unsatisfiable") << "quorix-beta"
-                                   << ">=9"
-                                   << "";
+    QTest::newRow("unsatisfiable") << "quorix-beta" << ">=9" << "";
 }
 
 void EnvironmentDialogsTest::badPackageInputEndsInTheManagersMessage()
