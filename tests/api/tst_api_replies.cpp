@@ -45,13 +45,11 @@ void TestApiReplies::repliesReachTheirSignals_data()
     QTest::addColumn<QByteArray>("signal");
     QTest::addColumn<QVariantList>("arguments"); // empty: an unreadable list, delivered as a failed list
 
-    const auto row = [](const char *tag, const ScriptedResponse &response, const char *signal,
-                        const QVariantList &arguments, ApiOperation operation) {
+    const auto row = [](const char *tag, ApiOperation operation, const ScriptedResponse &response, const char *signal,
+                        const QVariantList &arguments) {
         QTest::newRow(tag) << operation << response << QByteArray(signal) << arguments;
     };
-    const auto json = [](const QByteArray &text) {
-        return ScriptedResponse::rawJson(text);
-    };
+    const auto json = [](const QByteArray &text) { return ScriptedResponse::rawJson(text); };
     const QJsonObject page = object(R"({"success":true,"scripts":[{"id":"s-1"}],"pagination":{"total_pages":3}})");
     const QJsonObject refusal = object(R"({"success":false,"error":"Bad sort"})");
     const QJsonObject record = object(R"({"id":"s-1","name":"Aim"})");
@@ -59,94 +57,82 @@ void TestApiReplies::repliesReachTheirSignals_data()
     const ScriptedResponse found = ScriptedResponse::json({{"success", true}, {"data", record}});
     const ScriptedResponse created = json(R"({"success":true,"data":{"id":"x-1"}})");
     const ScriptedResponse liked = json(R"({"success":true,"data":{"liked":true,"like_count":12}})");
+    const ScriptedResponse refused = ScriptedResponse::json(refusal), all = ScriptedResponse::json(entries);
     const char *error = SIGNAL(errorOccurred(QString));
+    const ApiOperation scripts = [](auto &a) { a.fetchScripts({}); }, weights = [](auto &a) { a.fetchWeights({}); };
+    const ApiOperation scriptDetails = [](auto &a) { a.fetchScriptDetails("s-1"); };
+    const ApiOperation environmentDetails = [](auto &a) { a.loadEnvironmentDetails("e"); };
+    const ApiOperation weightsDetails = [](auto &a) { a.fetchWeightsDetails("w"); };
+    const ApiOperation uploadScript = [](auto &a) { a.uploadScript({{"name", "A"}}); };
+    const ApiOperation uploadWeights = [](auto &a) { a.uploadWeights({{"name", "W"}}); };
+    const ApiOperation likedList = [](auto &a) { a.fetchUserLikedScripts(); };
 
-    row("script list", ScriptedResponse::json(page), SIGNAL(scriptsLoaded(QJsonObject)), {page},
-        [](auto &a) { a.fetchScripts({}); });
-    row("script list refused, still a list", ScriptedResponse::json(refusal), SIGNAL(scriptsLoaded(QJsonObject)),
-        {refusal}, [](auto &a) { a.fetchScripts({}); });
-    row("environment list", ScriptedResponse::json(page), SIGNAL(environmentsLoaded(QJsonObject)), {page},
-        [](auto &a) { a.loadEnvironments({}); });
-    row("weights list", ScriptedResponse::json(page), SIGNAL(weightsLoaded(QJsonObject)), {page},
-        [](auto &a) { a.fetchWeights({}); });
-    row("script list of megabytes that never closes",
+    row("script list", scripts, ScriptedResponse::json(page), SIGNAL(scriptsLoaded(QJsonObject)), {page});
+    row("script list refused, still a list", scripts, refused, SIGNAL(scriptsLoaded(QJsonObject)), {refusal});
+    row("environment list", [](auto &a) { a.loadEnvironments({}); }, ScriptedResponse::json(page),
+        SIGNAL(environmentsLoaded(QJsonObject)), {page});
+    row("weights list", weights, ScriptedResponse::json(page), SIGNAL(weightsLoaded(QJsonObject)), {page});
+    row("script list of megabytes that never closes", scripts,
         json("{\"success\":true,\"scripts\":[" + QByteArray(6 * 1024 * 1024, 'x')), SIGNAL(scriptsLoaded(QJsonObject)),
-        {}, [](auto &a) { a.fetchScripts({}); });
-    row("weights list that is an array", json("[]"), SIGNAL(weightsLoaded(QJsonObject)), {},
-        [](auto &a) { a.fetchWeights({}); });
-    row("script details", found, SIGNAL(scriptDetailsLoaded(QJsonObject)), {record},
-        [](auto &a) { a.fetchScriptDetails("s-1"); });
-    row("environment details", found, SIGNAL(environmentDetailsLoaded(QJsonObject)), {record},
-        [](auto &a) { a.loadEnvironmentDetails("e"); });
-    row("weights details", found, SIGNAL(weightsDetailsLoaded(QJsonObject)), {record},
-        [](auto &a) { a.fetchWeightsDetails("w"); });
-    row("details refused", json(R"({"success":false,"error":"Gone"})"), error, {"details_error: Gone"},
-        [](auto &a) { a.fetchScriptDetails("s-1"); });
-    row("details refused without a reason", json(R"({"success":false})"), error,
-        {"envDetails_error: Unknown error loading details"}, [](auto &a) { a.loadEnvironmentDetails("e"); });
-    row("details with an empty body", json(""), error, {"weightsDetails_error: Failed to parse response"},
-        [](auto &a) { a.fetchWeightsDetails("w"); });
-    row("details that are not an object", json("[1]"), error, {"details_error: Failed to parse response"},
-        [](auto &a) { a.fetchScriptDetails("s"); });
-    row("details with success as text", json(R"({"success":"true"})"), error,
-        {"details_error: Unknown error loading details"}, [](auto &a) { a.fetchScriptDetails("s"); });
-    row("script upload", created, SIGNAL(scriptUploaded(QString)), {"x-1"}, [](auto &a) {
-        a.uploadScript({{"name", "A"}});
-    });
-    row("script upload refused", ScriptedResponse::json(refusal), error, {"Upload failed: Bad sort"}, [](auto &a) {
-        a.uploadScript({{"name", "A"}});
-    });
-    row("upload answered with data of the wrong type", json(R"({"success":true,"data":"id"})"),
-        SIGNAL(scriptUploaded(QString)), {QString()}, [](auto &a) {
-            a.uploadScript({{"name", "A"}});
-        });
-    row("weights upload", created, SIGNAL(weightsUploaded(QString)), {"x-1"}, [](auto &a) {
-        a.uploadWeights({{"name", "W"}});
-    });
-    row("weights upload refused", ScriptedResponse::json(refusal), error, {"Weights upload failed: Bad sort"},
-        [](auto &a) {
-            a.uploadWeights({{"name", "W"}});
-        });
-    row("script delete", created, SIGNAL(scriptDeleted(QString)), {"x-1"}, [](auto &a) { a.deleteScript("x-1"); });
-    row("environment delete", created, SIGNAL(environmentDeleted(QString)), {"x-1"},
-        [](auto &a) { a.deleteEnvironment("x-1"); });
-    row("weights delete", created, SIGNAL(weightsDeleted(QString)), {"x-1"}, [](auto &a) { a.deleteWeights("x-1"); });
-    row("delete refused without a reason", json(R"({"success":false})"), error,
-        {"Delete failed: Unknown error occurred"}, [](auto &a) { a.deleteScript("x-1"); });
-    row("delete refused", json(R"({"success":false,"error":"Not yours"})"), error, {"Delete failed: Not yours"},
-        [](auto &a) { a.deleteWeights("x-1"); });
-    row("delete answered with HTML", ScriptedResponse::bytes("<html>", "text/html"), error, {"Invalid server response"},
-        [](auto &a) { a.deleteEnvironment("x-1"); });
-    row("script like names the ID from the address", liked, SIGNAL(scriptLikeToggled(QString, bool, int)),
-        {"s 7", true, 12}, [](auto &a) { a.toggleLike("s 7"); });
-    row("environment like", liked, SIGNAL(environmentLikeToggled(QString, bool, int)), {"e-2", true, 12},
-        [](auto &a) { a.toggleEnvironmentLike("e-2"); });
-    row("weights like", liked, SIGNAL(weightsLikeToggled(QString, bool, int)), {"w-3", true, 12},
-        [](auto &a) { a.toggleWeightsLike("w-3"); });
-    row("like refused", json(R"({"success":false,"error":"Sign in"})"), error, {"Like toggle failed: Sign in"},
-        [](auto &a) { a.toggleLike("s-1"); });
-    row("liked list in order", json(R"({"success":true,"data":["b",7]})"), SIGNAL(userLikedScriptsLoaded(QStringList)),
-        {QStringList{"b", "7"}}, [](auto &a) { a.fetchUserLikedScripts(); });
-    row("liked list unreadable", json("{oops"), SIGNAL(userLikedScriptsLoaded(QStringList)), {QStringList()},
-        [](auto &a) { a.fetchUserLikedScripts(); });
-    row("liked list refused", ScriptedResponse::json(refusal), error, {"Failed to get liked scripts: Bad sort"},
-        [](auto &a) { a.fetchUserLikedScripts(); });
-    row("existing check as received", ScriptedResponse::json(entries), SIGNAL(existingScriptChecked(QJsonObject)),
-        {entries}, [](auto &a) { a.checkExistingScript("A", "py"); });
-    row("access list as received", ScriptedResponse::json(entries), SIGNAL(scriptAuthorizationsLoaded(QJsonObject)),
-        {entries}, [](auto &a) { a.fetchScriptAuthorizations("s", 0, 10, {}); });
-    row("grant as received, even refused", ScriptedResponse::json(refusal), SIGNAL(authorizationGranted(QJsonObject)),
-        {refusal}, [](auto &a) { a.grantAuthorization("s", {}); });
-    row("bulk grant as received", ScriptedResponse::json(entries), SIGNAL(bulkAuthorizationsGranted(QJsonObject)),
-        {entries}, [](auto &a) { a.bulkGrantAuthorizations("s", {"1"}, {}); });
-    row("revoke as received", ScriptedResponse::json(entries), SIGNAL(authorizationRevoked(QJsonObject)), {entries},
-        [](auto &a) { a.revokeAuthorization("s", {}); });
-    row("claim", json(R"({"success":true,"claimed":3})"), SIGNAL(pendingAuthorizationsClaimed(int)), {3},
-        [](auto &a) { a.claimPendingAuthorizations(); });
-    row("ban", ScriptedResponse::json({{"success", true}}), SIGNAL(userBanned(QString)), {"42"},
-        [](auto &a) { a.banUser("42", "spam"); });
-    row("ban refused", json(R"({"success":false,"error":"Already banned"})"), error, {"Ban failed: Already banned"},
-        [](auto &a) { a.banUser("42", {}); });
+        {});
+    row("weights list that is an array", weights, json("[]"), SIGNAL(weightsLoaded(QJsonObject)), {});
+    row("script details", scriptDetails, found, SIGNAL(scriptDetailsLoaded(QJsonObject)), {record});
+    row("environment details", environmentDetails, found, SIGNAL(environmentDetailsLoaded(QJsonObject)), {record});
+    row("weights details", weightsDetails, found, SIGNAL(weightsDetailsLoaded(QJsonObject)), {record});
+    row("details refused", scriptDetails, json(R"({"success":false,"error":"Gone"})"), error, {"details_error: Gone"});
+    row("details refused without a reason", environmentDetails, json(R"({"success":false})"), error,
+        {"envDetails_error: Unknown error loading details"});
+    row("details with an empty body", weightsDetails, json(""), error,
+        {"weightsDetails_error: Failed to parse response"});
+    row("details that are not an object", scriptDetails, json("[1]"), error,
+        {"details_error: Failed to parse response"});
+    row("details with success as text", scriptDetails, json(R"({"success":"true"})"), error,
+        {"details_error: Unknown error loading details"});
+    row("script upload", uploadScript, created, SIGNAL(scriptUploaded(QString)), {"x-1"});
+    row("script upload refused", uploadScript, refused, error, {"Upload failed: Bad sort"});
+    row("upload answered with data of the wrong type", uploadScript, json(R"({"success":true,"data":"id"})"),
+        SIGNAL(scriptUploaded(QString)), {QString()});
+    row("weights upload", uploadWeights, created, SIGNAL(weightsUploaded(QString)), {"x-1"});
+    row("weights upload refused", uploadWeights, refused, error, {"Weights upload failed: Bad sort"});
+    row("script delete", [](auto &a) { a.deleteScript("x-1"); }, created, SIGNAL(scriptDeleted(QString)), {"x-1"});
+    row("environment delete", [](auto &a) { a.deleteEnvironment("x-1"); }, created,
+        SIGNAL(environmentDeleted(QString)), {"x-1"});
+    row("weights delete", [](auto &a) { a.deleteWeights("x-1"); }, created, SIGNAL(weightsDeleted(QString)), {"x-1"});
+    row("delete refused without a reason", [](auto &a) { a.deleteScript("x-1"); }, json(R"({"success":false})"), error,
+        {"Delete failed: Unknown error occurred"});
+    row("delete refused", [](auto &a) { a.deleteWeights("x-1"); }, json(R"({"success":false,"error":"Not yours"})"),
+        error, {"Delete failed: Not yours"});
+    row("delete answered with HTML", [](auto &a) { a.deleteEnvironment("x-1"); },
+        ScriptedResponse::bytes("<html>", "text/html"), error, {"Invalid server response"});
+    row("script like names the ID from the address", [](auto &a) { a.toggleLike("s 7"); }, liked,
+        SIGNAL(scriptLikeToggled(QString, bool, int)), {"s 7", true, 12});
+    row("environment like", [](auto &a) { a.toggleEnvironmentLike("e-2"); }, liked,
+        SIGNAL(environmentLikeToggled(QString, bool, int)), {"e-2", true, 12});
+    row("weights like", [](auto &a) { a.toggleWeightsLike("w-3"); }, liked,
+        SIGNAL(weightsLikeToggled(QString, bool, int)), {"w-3", true, 12});
+    row("like refused", [](auto &a) { a.toggleLike("s-1"); }, json(R"({"success":false,"error":"Sign in"})"), error,
+        {"Like toggle failed: Sign in"});
+    row("liked list in order", likedList, json(R"({"success":true,"data":["b",7]})"),
+        SIGNAL(userLikedScriptsLoaded(QStringList)), {QStringList{"b", "7"}});
+    row("liked list unreadable", likedList, json("{oops"), SIGNAL(userLikedScriptsLoaded(QStringList)),
+        {QStringList()});
+    row("liked list refused", likedList, refused, error, {"Failed to get liked scripts: Bad sort"});
+    row("existing check as received", [](auto &a) { a.checkExistingScript("A", "py"); }, all,
+        SIGNAL(existingScriptChecked(QJsonObject)), {entries});
+    row("access list as received", [](auto &a) { a.fetchScriptAuthorizations("s", 0, 10, {}); }, all,
+        SIGNAL(scriptAuthorizationsLoaded(QJsonObject)), {entries});
+    row("grant as received, even refused", [](auto &a) { a.grantAuthorization("s", {}); }, refused,
+        SIGNAL(authorizationGranted(QJsonObject)), {refusal});
+    row("bulk grant as received", [](auto &a) { a.bulkGrantAuthorizations("s", {"1"}, {}); }, all,
+        SIGNAL(bulkAuthorizationsGranted(QJsonObject)), {entries});
+    row("revoke as received", [](auto &a) { a.revokeAuthorization("s", {}); }, all,
+        SIGNAL(authorizationRevoked(QJsonObject)), {entries});
+    row("claim", [](auto &a) { a.claimPendingAuthorizations(); }, json(R"({"success":true,"claimed":3})"),
+        SIGNAL(pendingAuthorizationsClaimed(int)), {3});
+    row("ban", [](auto &a) { a.banUser("42", "spam"); }, ScriptedResponse::json({{"success", true}}),
+        SIGNAL(userBanned(QString)), {"42"});
+    row("ban refused", [](auto &a) { a.banUser("42", {}); }, json(R"({"success":false,"error":"Already banned"})"),
+        error, {"Ban failed: Already banned"});
 }
 
 void TestApiReplies::repliesReachTheirSignals()
@@ -181,38 +167,33 @@ void TestApiReplies::failuresBecomeOneMessageRoutedByOperation_data()
     QTest::addColumn<QString>("message"); // ending in "HTTP <code>: ": followed by the network library's wording
     QTest::addColumn<bool>("asScriptList");
 
-    const auto row = [](const char *tag, const ScriptedResponse &response, const QString &message, bool asScriptList,
-                        ApiOperation operation) {
+    const auto row = [](const char *tag, ApiOperation operation, const ScriptedResponse &response,
+                        const QString &message, bool asScriptList = false) {
         QTest::newRow(tag) << operation << response << message << asScriptList;
     };
     const ScriptedResponse tooLarge = ScriptedResponse::bytes("Payload Too Large", "text/plain", 413);
     const ScriptedResponse serverError = ScriptedResponse::json({{"success", false}}, 500);
     const ScriptedResponse cutShort = ScriptedResponse::json({{"success", true}}).droppingAfter(5);
-    row("upload too large", tooLarge, "Upload failed - File too large - exceeds server upload limit", false,
-        [](auto &a) {
-            a.uploadScript({{"name", "A"}});
-        });
-    row("weights upload too large", tooLarge, "Weights upload failed: File too large - exceeds server upload limit",
-        false, [](auto &a) {
-            a.uploadWeights({{"name", "W"}});
-        });
-    row("weights upload dropped", ScriptedResponse::dropped(), "Weights upload failed: " + droppedMessage, false,
-        [](auto &a) {
-            a.uploadWeights({{"name", "W"}});
-        });
-    row("script list, server error", serverError, "HTTP 500: ", true, [](auto &a) { a.fetchScripts({}); });
-    row("script list dropped mid-reply", cutShort, droppedMessage, true, [](auto &a) { a.fetchScripts({}); });
-    row("environment list dropped mid-reply", cutShort, droppedMessage, false, [](auto &a) { a.loadEnvironments({}); });
-    row("weights list answered with garbage", ScriptedResponse::rawBytes("HTTP/1.1 2x0 Maybe\r\n\r\n"), droppedMessage,
-        false, [](auto &a) { a.fetchWeights({}); });
-    row("script details, server error", serverError, "details_error: HTTP 500: ", false,
-        [](auto &a) { a.fetchScriptDetails("s"); });
-    row("environment details dropped", ScriptedResponse::dropped(), "envDetails_error: " + droppedMessage, false,
-        [](auto &a) { a.loadEnvironmentDetails("e"); });
-    row("weights details dropped, without prefix", ScriptedResponse::dropped(), droppedMessage, false,
-        [](auto &a) { a.fetchWeightsDetails("w"); });
-    row("like, not found", ScriptedResponse::bytes("no", "text/plain", 404), "HTTP 404: ", false,
-        [](auto &a) { a.toggleLike("s"); });
+    const ApiOperation uploadWeights = [](auto &a) { a.uploadWeights({{"name", "W"}}); };
+    const ApiOperation scripts = [](auto &a) { a.fetchScripts({}); };
+    row("upload too large", [](auto &a) { a.uploadScript({{"name", "A"}}); }, tooLarge,
+        "Upload failed - File too large - exceeds server upload limit");
+    row("weights upload too large", uploadWeights, tooLarge,
+        "Weights upload failed: File too large - exceeds server upload limit");
+    row("weights upload dropped", uploadWeights, ScriptedResponse::dropped(), "Weights upload failed: " + droppedMessage);
+    row("script list, server error", scripts, serverError, "HTTP 500: ", true);
+    row("script list dropped mid-reply", scripts, cutShort, droppedMessage, true);
+    row("environment list dropped mid-reply", [](auto &a) { a.loadEnvironments({}); }, cutShort, droppedMessage);
+    row("weights list answered with garbage", [](auto &a) { a.fetchWeights({}); },
+        ScriptedResponse::rawBytes("HTTP/1.1 2x0 Maybe\r\n\r\n"), droppedMessage);
+    row("script details, server error", [](auto &a) { a.fetchScriptDetails("s"); }, serverError,
+        "details_error: HTTP 500: ");
+    row("environment details dropped", [](auto &a) { a.loadEnvironmentDetails("e"); }, ScriptedResponse::dropped(),
+        "envDetails_error: " + droppedMessage);
+    row("weights details dropped, without prefix", [](auto &a) { a.fetchWeightsDetails("w"); },
+        ScriptedResponse::dropped(), droppedMessage);
+    row("like, not found", [](auto &a) { a.toggleLike("s"); }, ScriptedResponse::bytes("no", "text/plain", 404),
+        "HTTP 404: ");
 }
 
 void TestApiReplies::failuresBecomeOneMessageRoutedByOperation()

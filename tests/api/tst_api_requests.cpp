@@ -121,9 +121,7 @@ void TestApiRequests::operationsPutTheirRequestsOnTheWire_data()
     row("access list", "GET /api/scripts/authorizations/s-1?offset=0&limit=50&search=bob", {accept, version}, {},
         [](auto &a) { a.fetchScriptAuthorizations("s-1", 0, 50, "bob"); });
     row("grant", "POST /api/scripts/authorize/s-1", access, json({{"discord_id", "1"}, {"notes", "friend"}}),
-        [](auto &a) {
-            a.grantAuthorization("s-1", {{"discord_id", "1"}, {"notes", "friend"}});
-        });
+        [](auto &a) { a.grantAuthorization("s-1", {{"discord_id", "1"}, {"notes", "friend"}}); });
     row("bulk grant with notes", "POST /api/scripts/bulk-authorize/s-1", access,
         json({{"discord_ids", QJsonArray{"222", "111"}}, {"notes", "team"}}), [](auto &a) {
             a.bulkGrantAuthorizations("s-1", {"222", "111"}, "team");
@@ -132,9 +130,7 @@ void TestApiRequests::operationsPutTheirRequestsOnTheWire_data()
         json({{"discord_ids", QJsonArray{"333"}}}),
         [](auto &a) { a.bulkGrantAuthorizations("s-1", {"333"}, QString()); });
     row("revoke", "POST /api/scripts/revoke/s-1", access, json({{"discord_id", "123"}, {"reason", "left"}}),
-        [](auto &a) {
-            a.revokeAuthorization("s-1", {{"discord_id", "123"}, {"reason", "left"}});
-        });
+        [](auto &a) { a.revokeAuthorization("s-1", {{"discord_id", "123"}, {"reason", "left"}}); });
     row("claim", "POST /api/scripts/claim-authorizations", {jsonType, accept, version}, {},
         [](auto &a) { a.claimPendingAuthorizations(); });
     row("script delete", "POST /api/scripts/s-1?_method=DELETE", deletion, "_method=DELETE",
@@ -239,9 +235,7 @@ void TestApiRequests::uploadsSendTheirPartsInOrder_data()
                + "\"=" + content;
     };
     const auto row = [](const char *tag, const QJsonObject &form, const QByteArrayList &parts) {
-        QTest::newRow(tag) << ApiOperation([form](auto &a) {
-            form.contains("onnx_file") ? a.uploadWeights(form) : a.uploadScript(form);
-        }) << parts;
+        QTest::newRow(tag) << ApiOperation([form](auto &a) { form.contains("onnx_file") ? a.uploadWeights(form) : a.uploadScript(form); }) << parts;
     };
     row("every script field",
         {{"name", "Aim Assist"},
