@@ -1,11 +1,17 @@
-#include "E2eCatalogue.h"
+#include "CatalogueServerFixture.h"
 #include "TemporaryHome.h"
 #include "TestFiles.h"
+#include "api/OnlineResourcesAPI.h"
+#include "core/Configuration.h"
 
-#include <QDir>
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <QSignalSpy>
 #include <QTest>
+
+#include <atomic>
+#include <functional>
+#include <memory>
 
 using namespace Quorix;
 using namespace Quorix::Testing;
@@ -13,204 +19,228 @@ using namespace Quorix::Testing;
 namespace {
 
 const QString administratorId = QStringLiteral("399000000000000001");
+using Api = std::unique_ptr<OnlineResourcesAPI>;
 
 QString text(const QJsonObject &object, const char *key)
 {
     return object.value(QLatin1String(key)).toVariant().toString();
 }
 
+QString newDiscordId()
+{
+    static std::atomic<qint64> next{0};
+    return QString::number(310000000000000000LL + ++next);
+}
+
+// What one client call produced: the arguments of its own signal, else the text of errorOccurred.
+struct Outcome
+{
+    QVariantList arguments;
+    QString error;
+    QVariant first() const { return arguments.value(0); }
+};
+
+template<typename Signal>
+Outcome await(OnlineResourcesAPI *api, Signal signal, const std::function<void()> &call)
+{
+    QSignalSpy answered(api, signal), failed(api, &OnlineResourcesAPI::errorOccurred);
+    call();
+    if (!QTest::qWaitFor([&] { return !answered.isEmpty() || !failed.isEmpty(); }, 10000))
+        return {{}, QStringLiteral("no answer")};
+    return {answered.value(0), failed.isEmpty() ? QString() : failed.first().first().toString()};
+}
+
 } // namespace
 
-// The client against the reference server: browsing, publishing, access rules and moderation as users meet them.
+// The client against the reference server: each kind of call reaches it and each answer comes back as the signal
+// the browser listens to. The server's own rules are tested with the server; here only what the client must carry.
 class TestE2eCatalogue : public QObject
 {
     Q_OBJECT
 
 private:
     TemporaryHome home;
-    E2eCatalogue catalogue{{administratorId}};
-    std::unique_ptr<OnlineResourcesAPI> fan;
+    CatalogueServerFixture server{false, {administratorId}};
+    QTemporaryDir files;
+    int fileCounter = 0;
+    Api fan;
     QHash<QString, QString> browsedIds; // name -> ID of the scripts the browsing table looks for
 
-    std::unique_ptr<OnlineResourcesAPI> user(const char *name)
+    Api signIn(const QString &discordId, const QString &username)
     {
-        return catalogue.signIn(E2eCatalogue::newDiscordId(), QString::fromLatin1(name));
+        auto api = std::make_unique<OnlineResourcesAPI>();
+        api->authToken = server.signIn(discordId, username);
+        api->discordUsername = username;
+        api->discordGlobalName = username.toUpper();
+        return api;
     }
-
+    Api user(const char *name) { return signIn(newDiscordId(), name); }
+    QString newDirectory()
+    {
+        const QString path = files.filePath(QString::number(++fileCounter));
+        QDir().mkpath(path);
+        return path;
+    }
+    QString writeFile(const QString &fileName, const QByteArray &content)
+    {
+        const QString path = newDirectory() + '/' + fileName;
+        return TestFiles::write(path, content) ? path : QString();
+    }
+    // Uploads a script holding content (its name unless given) and returns the new ID, or "" with the error.
     QString upload(OnlineResourcesAPI *api, const QString &name, const QString &fileName = "guarded.gpc3",
-                   const QJsonObject &extra = {}, QString *error = nullptr)
+                   const QJsonObject &extra = {}, QString *error = nullptr, const QByteArray &content = {})
     {
-        return catalogue.upload(api, name, fileName, name.toUtf8(), extra, error);
+        QJsonObject form{{"name", name}, {"description", "Published by the end-to-end tests"}, {"tags", "e2e"},
+                         {"version", 1}, {"visibility_type", "public"},
+                         {"script_file", writeFile(fileName, content.isEmpty() ? name.toUtf8() : content)}};
+        for (auto it = extra.begin(); it != extra.end(); ++it)
+            form.insert(it.key(), it.value());
+        const Outcome outcome = await(api, &OnlineResourcesAPI::scriptUploaded, [&] { api->uploadScript(form); });
+        if (error)
+            *error = outcome.error;
+        return outcome.first().toString();
     }
-
-    // The names a script list shows, in order.
+    static QJsonObject list(OnlineResourcesAPI *api, const QJsonObject &params)
+    {
+        return await(api, &OnlineResourcesAPI::scriptsLoaded, [&] { api->fetchScripts(params); }).first().toJsonObject();
+    }
     static QStringList names(OnlineResourcesAPI *api, const QJsonObject &params)
     {
         QStringList found;
-        for (const QJsonValue &record : E2eCatalogue::listScripts(api, params).value("scripts").toArray())
+        for (const QJsonValue &record : list(api, params).value("scripts").toArray())
             found.append(text(record.toObject(), "name"));
         return found;
     }
-
     // The downloaded bytes, or the error text the client reported.
     QString download(OnlineResourcesAPI *api, const QString &id)
     {
-        const QString directory = catalogue.newDirectory();
-        const auto outcome = E2eCatalogue::await(api, &OnlineResourcesAPI::scriptDownloaded,
-                                                 [&] { api->downloadScript(id, directory); });
-        if (outcome.arguments.isEmpty())
-            return outcome.answered() ? outcome.error : QStringLiteral("no answer");
-        return QString::fromUtf8(TestFiles::read(outcome.arguments.first().toString()));
+        const QString directory = newDirectory();
+        const Outcome outcome
+                = await(api, &OnlineResourcesAPI::scriptDownloaded, [&] { api->downloadScript(id, directory); });
+        return outcome.arguments.isEmpty() ? outcome.error : QString(TestFiles::read(outcome.first().toString()));
     }
-
-    QJsonObject grant(OnlineResourcesAPI *api, const QString &id, const QString &discordId)
+    static QJsonObject grant(OnlineResourcesAPI *api, const QString &id, const QString &discordId)
     {
-        return E2eCatalogue::await(api, &OnlineResourcesAPI::authorizationGranted,
-                                   [&] {
-                                       api->grantAuthorization(id, {{"discord_id", discordId}, {"notes", "tester"}});
-                                   })
-                .arguments.value(0)
-                .toJsonObject();
+        return await(api, &OnlineResourcesAPI::authorizationGranted, [&] {
+                   api->grantAuthorization(id, {{"discord_id", discordId}, {"notes", "tester"}});
+               }).first().toJsonObject();
     }
 
 private slots:
     void initTestCase();
-    void browsingFindsPagesSearchesTypesAndOrders_data();
-    void browsingFindsPagesSearchesTypesAndOrders();
+    void browsingSearchesTypesAndOrders_data();
+    void browsingSearchesTypesAndOrders();
     void likesToggleAndFeedTheLikedList();
     void publishingUpdatesOnlyOwnScriptsAndDownloadsTheLatest();
     void environmentsAndWeightsTravelAsTheirOwnKinds();
-    void visibilityRulesPerCaller_data();
-    void visibilityRulesPerCaller();
+    void hiddenScriptsAnswerEachCallerInTheirWords();
     void grantsAreClaimedCountedAndRevoked();
     void moderationDeletesAndBans();
 };
 
 void TestE2eCatalogue::initTestCase()
 {
-    QVERIFY2(catalogue.start(), qPrintable(catalogue.error()));
+    QVERIFY2(server.start(), qPrintable(server.error()));
+    qputenv("QUORIX_SERVER_URL", server.origin().toUtf8());
+    // The client fixes the origin at its first reading, so no client may exist before this.
+    QCOMPARE(Configuration::serverOrigin(), server.origin());
     // Three scripts found by "quasar" through name, tag and description; downloads and a like set their popularity.
     auto author = user("browser-author");
     browsedIds["Quasar one"] = upload(author.get(), "Quasar one", "one.gpc3");
     browsedIds["Nebula two"] = upload(author.get(), "Nebula two", "two.gbc3", {{"tags", "quasar,fps"}});
-    browsedIds["Comet three"]
-            = upload(author.get(), "Comet three", "three.py", {{"description", "For the Quasar pad"}});
+    browsedIds["Comet three"] = upload(author.get(), "Comet three", "three.py", {{"description", "For the Quasar pad"}});
     upload(author.get(), "Unrelated four", "four.gpc3");
     fan = user("fan");
     for (const auto &[name, times] : QList<QPair<QString, int>>{{"Quasar one", 3}, {"Comet three", 11}}) {
         for (int i = 0; i < times; ++i)
             QCOMPARE(download(fan.get(), browsedIds[name]), name);
     }
-    QVERIFY(!E2eCatalogue::await(fan.get(), &OnlineResourcesAPI::scriptLikeToggled, [&] {
-                 fan->toggleLike(browsedIds["Nebula two"]);
-             }).arguments.isEmpty());
+    const QString liked = browsedIds["Nebula two"];
+    QVERIFY(!await(fan.get(), &OnlineResourcesAPI::scriptLikeToggled, [&] { fan->toggleLike(liked); }).arguments.isEmpty());
 }
 
-void TestE2eCatalogue::browsingFindsPagesSearchesTypesAndOrders_data()
+void TestE2eCatalogue::browsingSearchesTypesAndOrders_data()
 {
     QTest::addColumn<QJsonObject>("params");
     QTest::addColumn<bool>("signedIn");
     QTest::addColumn<QStringList>("expected");
 
-    const QStringList oldest{"Quasar one", "Nebula two", "Comet three"};
     const auto query = [](const char *sort, const QJsonObject &extra = {}) {
         QJsonObject params{{"search", "QUASAR"}, {"sort", sort}, {"type", "all"}, {"page", 1}, {"limit", 24}};
         for (auto it = extra.begin(); it != extra.end(); ++it)
             params.insert(it.key(), it.value());
         return params;
     };
-    QTest::newRow("oldest") << query("oldest") << false << oldest;
-    QTest::newRow("newest") << query("newest") << false << QStringList{"Comet three", "Nebula two", "Quasar one"};
+    QTest::newRow("oldest") << query("oldest") << false << QStringList{"Quasar one", "Nebula two", "Comet three"};
     // A like weighs ten downloads: 11 downloads > 1 like > 3 downloads.
     QTest::newRow("popular") << query("popular") << false << QStringList{"Comet three", "Nebula two", "Quasar one"};
     QTest::newRow("second page") << query("oldest", {{"page", 2}, {"limit", 2}}) << false << QStringList{"Comet three"};
-    QTest::newRow("gpc3 covers gbc3") << query("oldest", {{"type", "gpc3"}}) << false << oldest.mid(0, 2);
-    QTest::newRow("gbc3 alone") << query("oldest", {{"type", "gbc3"}}) << false << QStringList{"Nebula two"};
+    QTest::newRow("gpc3 covers gbc3") << query("oldest", {{"type", "gpc3"}}) << false
+                                      << QStringList{"Quasar one", "Nebula two"};
     QTest::newRow("python") << query("oldest", {{"type", "py"}}) << false << QStringList{"Comet three"};
-    QTest::newRow("search by name only") << query("oldest", {{"search", "nebula"}}) << false
-                                         << QStringList{"Nebula two"};
     QTest::newRow("liked by the fan") << query("my_liked") << true << QStringList{"Nebula two"};
     QTest::newRow("liked when signed out") << query("my_liked") << false << QStringList();
 }
 
-void TestE2eCatalogue::browsingFindsPagesSearchesTypesAndOrders()
+void TestE2eCatalogue::browsingSearchesTypesAndOrders()
 {
     QFETCH(QJsonObject, params);
     QFETCH(bool, signedIn);
     QFETCH(QStringList, expected);
-
-    auto visitor = catalogue.anonymous();
-    const QJsonObject reply = E2eCatalogue::listScripts(signedIn ? fan.get() : visitor.get(), params);
-    QVERIFY(reply.value("success").toBool());
-    QStringList found;
-    for (const QJsonValue &record : reply.value("scripts").toArray())
-        found.append(text(record.toObject(), "name"));
-    QCOMPARE(found, expected);
-    if (params.value("limit").toInt() == 2) {
-        const QJsonObject pagination = reply.value("pagination").toObject();
-        QCOMPARE(pagination.value("current_page").toInt(), 2);
-        QCOMPARE(pagination.value("total_pages").toInt(), 2);
-        QCOMPARE(pagination.value("total_scripts").toInt(), 3);
-    }
+    OnlineResourcesAPI visitor;
+    QCOMPARE(names(signedIn ? fan.get() : &visitor, params), expected);
 }
 
 void TestE2eCatalogue::likesToggleAndFeedTheLikedList()
 {
-    auto author = user("liked-author");
+    auto author = user("liked-author"), first = user("first-fan"), second = user("second-fan");
     const QString id = upload(author.get(), "Likeable");
-    auto first = user("first-fan");
-    auto second = user("second-fan");
     const auto toggle = [&id](OnlineResourcesAPI *api) {
-        return E2eCatalogue::await(api, &OnlineResourcesAPI::scriptLikeToggled, [&] { api->toggleLike(id); });
+        return await(api, &OnlineResourcesAPI::scriptLikeToggled, [&] { api->toggleLike(id); });
     };
     QCOMPARE(toggle(first.get()).arguments, (QVariantList{id, true, 1}));
     QCOMPARE(toggle(second.get()).arguments, (QVariantList{id, true, 2}));
     QCOMPARE(toggle(first.get()).arguments, (QVariantList{id, false, 1}));
     const auto likedBy = [](OnlineResourcesAPI *api) {
-        return E2eCatalogue::await(api, &OnlineResourcesAPI::userLikedScriptsLoaded,
-                                   [&] { api->fetchUserLikedScripts(); })
-                .arguments.value(0, "no answer")
-                .toStringList();
+        return await(api, &OnlineResourcesAPI::userLikedScriptsLoaded, [&] { api->fetchUserLikedScripts(); })
+                .arguments.value(0, "no answer").toStringList();
     };
     QCOMPARE(likedBy(first.get()), QStringList());
     QCOMPARE(likedBy(second.get()), QStringList{id});
-    auto visitor = catalogue.anonymous();
-    QVERIFY(!toggle(visitor.get()).error.isEmpty());
+    OnlineResourcesAPI visitor;
+    QVERIFY(!toggle(&visitor).error.isEmpty());
 }
 
 void TestE2eCatalogue::publishingUpdatesOnlyOwnScriptsAndDownloadsTheLatest()
 {
-    auto author = user("publisher");
+    auto author = user("publisher"), intruder = user("intruder");
     const QString id = upload(author.get(), "Trigger boost", "trigger_boost.gpc3");
     const auto check = [](OnlineResourcesAPI *api) {
-        return E2eCatalogue::await(api, &OnlineResourcesAPI::existingScriptChecked,
-                                   [&] { api->checkExistingScript("trigger_boost.gpc3", "gpc3"); })
-                .arguments.value(0)
-                .toJsonObject();
+        return await(api, &OnlineResourcesAPI::existingScriptChecked, [&] {
+                   api->checkExistingScript("trigger_boost.gpc3", "gpc3");
+               }).first().toJsonObject();
     };
     QCOMPARE(text(check(author.get()).value("data").toObject(), "id"), id);
-    auto intruder = user("intruder");
     QCOMPARE(check(intruder.get()).value("exists").toBool(true), false);
 
     QString error;
-    QVERIFY(catalogue.upload(intruder.get(), "Hijacked", "trigger_boost.gpc3", "evil", {{"existing_uuid", id}}, &error)
-                    .isEmpty());
+    QVERIFY(upload(intruder.get(), "Hijacked", "trigger_boost.gpc3", {{"existing_uuid", id}}, &error).isEmpty());
     QCOMPARE(error, QStringLiteral("Upload failed: You can only update your own resources"));
-    QCOMPARE(catalogue.upload(author.get(), "Trigger boost tuned", "trigger_boost.gpc3", "tuned",
-                              {{"existing_uuid", id}, {"version", 2.5}}, &error),
+    QCOMPARE(upload(author.get(), "Trigger boost tuned", "trigger_boost.gpc3", {{"existing_uuid", id}, {"version", 2.5}},
+                    nullptr, "tuned"),
              id);
 
-    auto visitor = catalogue.anonymous();
-    const auto details = E2eCatalogue::await(visitor.get(), &OnlineResourcesAPI::scriptDetailsLoaded,
-                                             [&] { visitor->fetchScriptDetails(id); });
-    const QJsonObject record = details.arguments.value(0).toJsonObject();
+    OnlineResourcesAPI visitor;
+    const QJsonObject record = await(&visitor, &OnlineResourcesAPI::scriptDetailsLoaded, [&] {
+                                   visitor.fetchScriptDetails(id);
+                               }).first().toJsonObject();
     QCOMPARE(text(record, "name") + ' ' + text(record, "version") + ' ' + text(record, "type") + ' '
                      + text(record.value("author").toObject(), "username"),
              QStringLiteral("Trigger boost tuned 2.5 gpc3 publisher"));
-    const QString directory = catalogue.newDirectory();
-    const auto saved = E2eCatalogue::await(visitor.get(), &OnlineResourcesAPI::scriptDownloaded,
-                                           [&] { visitor->downloadScript(id, directory); });
-    QCOMPARE(saved.arguments.value(0).toString(), directory + "/trigger_boost.gpc3");
+    const QString directory = newDirectory();
+    const Outcome saved
+            = await(&visitor, &OnlineResourcesAPI::scriptDownloaded, [&] { visitor.downloadScript(id, directory); });
+    QCOMPARE(saved.first().toString(), directory + "/trigger_boost.gpc3");
     QCOMPARE(TestFiles::read(directory + "/trigger_boost.gpc3"), QByteArray("tuned"));
 }
 
@@ -222,139 +252,101 @@ void TestE2eCatalogue::environmentsAndWeightsTravelAsTheirOwnKinds()
                                                          {"packages", QJsonArray{"numpy==1.26.4", "opencv-python"}},
                                                          {"extra_index_urls", QJsonArray{"https://x/whl/cu121"}}})
                                        .toJson();
-    const QString environmentId = catalogue.upload(author.get(), "Vision stack", "vision.qenv", package);
-    auto visitor = catalogue.anonymous();
-    const auto environments = E2eCatalogue::await(visitor.get(), &OnlineResourcesAPI::environmentsLoaded, [&] {
-        visitor->loadEnvironments({{"search", "Vision stack"}, {"type", "gpc3"}});
-    });
-    const QJsonArray listed = environments.arguments.value(0).toJsonObject().value("environments").toArray();
+    const QString environmentId = upload(author.get(), "Vision stack", "vision.qenv", {}, nullptr, package);
+    QVERIFY(!environmentId.isEmpty());
+    OnlineResourcesAPI visitor;
+    const QJsonArray listed = await(&visitor, &OnlineResourcesAPI::environmentsLoaded, [&] {
+                                  visitor.loadEnvironments({{"search", "Vision stack"}, {"type", "gpc3"}});
+                              }).first().toJsonObject().value("environments").toArray();
     QCOMPARE(listed.size(), 1);
     const QJsonObject metadata = listed.first().toObject().value("qenv_metadata").toObject();
     QCOMPARE(text(metadata, "python") + ' ' + text(metadata, "package_count") + ' ' + text(metadata, "cuda"),
              QStringLiteral("3.11 2 12.1"));
-    QCOMPARE(names(visitor.get(), {{"search", "Vision stack"}}), QStringList());
-    const QString directory = catalogue.newDirectory();
-    const auto saved = E2eCatalogue::await(visitor.get(), &OnlineResourcesAPI::environmentDownloaded,
-                                           [&] { visitor->downloadEnvironment(environmentId, directory); });
-    QCOMPARE(TestFiles::read(saved.arguments.value(0).toString()), package);
+    QCOMPARE(names(&visitor, {{"search", "Vision stack"}}), QStringList());
+    const QString directory = newDirectory();
+    const Outcome saved = await(&visitor, &OnlineResourcesAPI::environmentDownloaded,
+                                [&] { visitor.downloadEnvironment(environmentId, directory); });
+    QCOMPARE(TestFiles::read(saved.first().toString()), package);
 
     const QByteArray model = "ONNX" + QByteArray(4096, '\7');
-    const auto uploaded = E2eCatalogue::await(author.get(), &OnlineResourcesAPI::weightsUploaded, [&] {
-        author->uploadWeights({{"name", "Detector"},
-                               {"description", "Weights of the end-to-end tests"},
-                               {"version", 1},
-                               {"visibility_type", "public"},
-                               {"encrypted", true},
-                               {"onnx_file", catalogue.writeFile("detector.onnx", model)}});
+    const Outcome uploaded = await(author.get(), &OnlineResourcesAPI::weightsUploaded, [&] {
+        author->uploadWeights({{"name", "Detector"}, {"description", "Weights of the end-to-end tests"}, {"version", 1},
+                               {"visibility_type", "public"}, {"encrypted", true},
+                               {"onnx_file", writeFile("detector.onnx", model)}});
     });
-    const QString uuid = uploaded.arguments.value(0).toString();
+    const QString uuid = uploaded.first().toString();
     QVERIFY2(!uuid.isEmpty(), qPrintable(uploaded.error));
-    const auto weights = E2eCatalogue::await(visitor.get(), &OnlineResourcesAPI::weightsLoaded, [&] {
-        visitor->fetchWeights({{"search", "Detector"}});
-    });
-    const QJsonObject record = weights.arguments.value(0).toJsonObject().value("weights").toArray().first().toObject();
+    const QJsonObject record = await(&visitor, &OnlineResourcesAPI::weightsLoaded, [&] {
+                                   visitor.fetchWeights({{"search", "Detector"}});
+                               }).first().toJsonObject().value("weights").toArray().first().toObject();
     QCOMPARE(record.value("is_encrypted").toBool() ? record.value("size").toInteger() : -1, model.size());
-    const auto fetched = E2eCatalogue::await(visitor.get(), &OnlineResourcesAPI::weightsDownloaded,
-                                             [&] { visitor->downloadWeights(uuid); });
+    const Outcome fetched
+            = await(&visitor, &OnlineResourcesAPI::weightsDownloaded, [&] { visitor.downloadWeights(uuid); });
     const QString path = OnlineResourcesAPI::weightsDirectory() + '/' + uuid + ".ennx";
     QCOMPARE(fetched.arguments, (QVariantList{uuid, path}));
     QCOMPARE(TestFiles::read(path), model);
 }
 
-void TestE2eCatalogue::visibilityRulesPerCaller_data()
+void TestE2eCatalogue::hiddenScriptsAnswerEachCallerInTheirWords()
 {
-    QTest::addColumn<QString>("who");
-    QTest::addColumn<QStringList>("downloads"); // what the caller gets for the public, private and locked script
+    const QString friendId = newDiscordId();
+    auto owner = user("gatekeeper"), outsider = user("outsider"), authorized = signIn(friendId, "friend");
+    OnlineResourcesAPI visitor;
+    const QString hidden = upload(owner.get(), "Hidden", "guarded.gpc3", {{"visibility_type", "private"}});
+    const QString locked = upload(owner.get(), "Locked", "guarded.gpc3", {{"visibility_type", "purchasable"}});
+    QCOMPARE(grant(owner.get(), hidden, friendId).value("success").toBool(), true);
+    QCOMPARE(grant(owner.get(), locked, friendId).value("pending").toBool(true), false);
 
     const QString notFound = "Download failed: Resource not found";
-    QTest::newRow("anonymous") << "anonymous"
-                               << QStringList{"public", notFound, "Download failed: Authentication required"};
-    QTest::newRow("author") << "author" << QStringList{"public", "private", "locked"};
-    QTest::newRow("authorized") << "authorized" << QStringList{"public", "private", "locked"};
-    QTest::newRow("other") << "other"
-                           << QStringList{"public", notFound,
-                                          "Download failed: You are not authorized to download this resource"};
-}
-
-void TestE2eCatalogue::visibilityRulesPerCaller()
-{
-    QFETCH(QString, who);
-    QFETCH(QStringList, downloads);
-
-    const QString friendId = E2eCatalogue::newDiscordId();
-    auto owner = user("gatekeeper");
-    auto authorized = catalogue.signIn(friendId, "friend");
-    std::unique_ptr<OnlineResourcesAPI> other = who == "other"       ? user("outsider")
-                                                : who == "anonymous" ? catalogue.anonymous()
-                                                                     : nullptr;
-    OnlineResourcesAPI *publisher = owner.get(), *caller = other             ? other.get()
-                                                           : who == "author" ? owner.get()
-                                                                             : authorized.get();
-    const QString word = who + "guarded";
-    const QStringList ids{upload(publisher, word + " public"),
-                          upload(publisher, word + " private", "guarded.gpc3", {{"visibility_type", "private"}}),
-                          upload(publisher, word + " locked", "guarded.gpc3", {{"visibility_type", "purchasable"}})};
-    QCOMPARE(grant(publisher, ids.at(1), friendId).value("success").toBool(), true);
-    QCOMPARE(grant(publisher, ids.at(2), friendId).value("pending").toBool(true), false);
-
-    const bool seesPrivate = downloads.at(1) == "private";
-    const QJsonArray records
-            = E2eCatalogue::listScripts(caller, {{"search", word}, {"sort", "oldest"}}).value("scripts").toArray();
-    QCOMPARE(records.size(), seesPrivate ? 3 : 2);
-    QCOMPARE(records.last().toObject().value("can_download").toBool(), downloads.at(2) == "locked");
-    QCOMPARE(records.first().toObject().value("can_download").toBool(), true);
-    for (int i = 0; i < 3; ++i) {
-        const QString expected
-                = downloads.at(i).startsWith("Download") ? downloads.at(i) : word + ' ' + downloads.at(i);
-        QCOMPARE(download(caller, ids.at(i)), expected);
-    }
-    if (!seesPrivate) {
-        const auto details = E2eCatalogue::await(caller, &OnlineResourcesAPI::scriptDetailsLoaded,
-                                                 [&] { caller->fetchScriptDetails(ids.at(1)); });
-        QCOMPARE(details.error, QStringLiteral("details_error: Resource not found"));
-    }
+    QCOMPARE(download(&visitor, hidden), notFound);
+    QCOMPARE(download(&visitor, locked), QStringLiteral("Download failed: Authentication required"));
+    QCOMPARE(download(outsider.get(), hidden), notFound);
+    QCOMPARE(download(outsider.get(), locked),
+             QStringLiteral("Download failed: You are not authorized to download this resource"));
+    QCOMPARE(download(authorized.get(), hidden) + download(owner.get(), locked), QStringLiteral("HiddenLocked"));
+    const QJsonArray seen = list(outsider.get(), {{"search", "Locked"}}).value("scripts").toArray();
+    QCOMPARE(seen.size(), 1);
+    QCOMPARE(seen.first().toObject().value("can_download").toBool(true), false);
+    QCOMPARE(await(&visitor, &OnlineResourcesAPI::scriptDetailsLoaded, [&] { visitor.fetchScriptDetails(hidden); }).error,
+             QStringLiteral("details_error: Resource not found"));
 }
 
 void TestE2eCatalogue::grantsAreClaimedCountedAndRevoked()
 {
     auto author = user("grant-author");
     const QString hidden = upload(author.get(), "Pending private", "guarded.gpc3", {{"visibility_type", "private"}});
-    const QString latecomerId = E2eCatalogue::newDiscordId();
+    const QString latecomerId = newDiscordId();
     const QJsonObject pending = grant(author.get(), hidden, latecomerId);
     QVERIFY(pending.value("pending").toBool() && !text(pending, "authorization_code").isEmpty());
-    auto latecomer = catalogue.signIn(latecomerId, "latecomer");
-    QCOMPARE(download(latecomer.get(), hidden), QStringLiteral("Download failed: Resource not found"));
+    auto latecomer = signIn(latecomerId, "latecomer");
     const auto claim = [&] {
-        return E2eCatalogue::await(latecomer.get(), &OnlineResourcesAPI::pendingAuthorizationsClaimed,
-                                   [&] { latecomer->claimPendingAuthorizations(); })
-                .arguments;
+        return await(latecomer.get(), &OnlineResourcesAPI::pendingAuthorizationsClaimed,
+                     [&] { latecomer->claimPendingAuthorizations(); }).arguments;
     };
     QCOMPARE(claim(), QVariantList{1});
     QCOMPARE(download(latecomer.get(), hidden), QStringLiteral("Pending private"));
     QCOMPARE(claim(), QVariantList{0});
-    const auto list = E2eCatalogue::await(author.get(), &OnlineResourcesAPI::scriptAuthorizationsLoaded,
-                                          [&] { author->fetchScriptAuthorizations(hidden, 0, 500, QString()); });
-    const QJsonArray entries
-            = list.arguments.value(0).toJsonObject().value("data").toObject().value("authorizations").toArray();
+    const QJsonArray entries = await(author.get(), &OnlineResourcesAPI::scriptAuthorizationsLoaded, [&] {
+                                   author->fetchScriptAuthorizations(hidden, 0, 500, QString());
+                               }).first().toJsonObject().value("data").toObject().value("authorizations").toArray();
     QCOMPARE(entries.size(), 1);
     const QJsonObject entry = entries.first().toObject();
     QCOMPARE(text(entry, "status") + ' ' + text(entry, "username") + ' ' + text(entry, "download_count"),
              QStringLiteral("active latecomer 1"));
 
     const QString locked = upload(author.get(), "Bulk locked", "guarded.gpc3", {{"visibility_type", "purchasable"}});
-    const QString alreadyId = E2eCatalogue::newDiscordId(), freshId = E2eCatalogue::newDiscordId();
-    auto already = catalogue.signIn(alreadyId, "regular");
-    auto fresh = catalogue.signIn(freshId, "newcomer");
+    const QString alreadyId = newDiscordId(), freshId = newDiscordId();
+    auto already = signIn(alreadyId, "regular"), fresh = signIn(freshId, "newcomer");
     grant(author.get(), locked, alreadyId);
-    const auto bulk = E2eCatalogue::await(author.get(), &OnlineResourcesAPI::bulkAuthorizationsGranted, [&] {
-        author->bulkGrantAuthorizations(locked, {alreadyId, freshId, E2eCatalogue::newDiscordId(), "not-an-id"}, "x");
-    });
-    const QJsonObject counts = bulk.arguments.value(0).toJsonObject().value("data").toObject();
+    const QJsonObject counts = await(author.get(), &OnlineResourcesAPI::bulkAuthorizationsGranted, [&] {
+                                   author->bulkGrantAuthorizations(locked, {alreadyId, freshId, newDiscordId(), "not-an-id"},
+                                                                  "x");
+                               }).first().toJsonObject().value("data").toObject();
     QCOMPARE(text(counts, "granted") + ' ' + text(counts, "already_authorized") + ' ' + text(counts, "not_found") + ' '
                      + QString::number(counts.value("errors").toArray().size()),
              QStringLiteral("1 1 1 1"));
     QCOMPARE(download(fresh.get(), locked), QStringLiteral("Bulk locked"));
-    E2eCatalogue::await(author.get(), &OnlineResourcesAPI::authorizationRevoked, [&] {
+    await(author.get(), &OnlineResourcesAPI::authorizationRevoked, [&] {
         author->revokeAuthorization(locked, {{"user_id", freshId}, {"reason", "refunded"}});
     });
     QCOMPARE(download(fresh.get(), locked),
@@ -364,16 +356,14 @@ void TestE2eCatalogue::grantsAreClaimedCountedAndRevoked()
 
 void TestE2eCatalogue::moderationDeletesAndBans()
 {
-    const QString troublemakerId = E2eCatalogue::newDiscordId();
-    auto author = catalogue.signIn(troublemakerId, "troublemaker");
-    auto bystander = user("bystander");
-    auto administrator = catalogue.signIn(administratorId, "moderator");
-    const QString byAuthor = upload(author.get(), "Moderated one"),
-                  byAdministrator = upload(author.get(), "Moderated two");
-    const QString banned = upload(author.get(), "Moderated three");
+    const QString troublemakerId = newDiscordId();
+    auto author = signIn(troublemakerId, "troublemaker"), bystander = user("bystander"),
+         administrator = signIn(administratorId, "moderator");
+    const QString byAuthor = upload(author.get(), "Moderated one"), byAdministrator = upload(author.get(), "Moderated two"),
+                  banned = upload(author.get(), "Moderated three");
     upload(bystander.get(), "Moderated four");
     const auto remove = [](OnlineResourcesAPI *api, const QString &id) {
-        return E2eCatalogue::await(api, &OnlineResourcesAPI::scriptDeleted, [&] { api->deleteScript(id); });
+        return await(api, &OnlineResourcesAPI::scriptDeleted, [&] { api->deleteScript(id); });
     };
     QCOMPARE(remove(bystander.get(), banned).error,
              QStringLiteral("Delete failed: Only the author or an administrator can delete this resource"));
@@ -381,13 +371,13 @@ void TestE2eCatalogue::moderationDeletesAndBans()
     QCOMPARE(remove(administrator.get(), byAdministrator).arguments, QVariantList{byAdministrator});
 
     const auto ban = [&](OnlineResourcesAPI *api) {
-        return E2eCatalogue::await(api, &OnlineResourcesAPI::userBanned, [&] { api->banUser(troublemakerId, "x"); });
+        return await(api, &OnlineResourcesAPI::userBanned, [&] { api->banUser(troublemakerId, "x"); });
     };
     QCOMPARE(ban(bystander.get()).error, QStringLiteral("Ban failed: Administrator rights required"));
     QCOMPARE(ban(administrator.get()).arguments, QVariantList{troublemakerId});
-    auto visitor = catalogue.anonymous();
-    QCOMPARE(names(visitor.get(), {{"search", "Moderated"}}), QStringList{"Moderated four"});
-    QCOMPARE(download(visitor.get(), banned), QStringLiteral("Download failed: Resource not found"));
+    OnlineResourcesAPI visitor;
+    QCOMPARE(names(&visitor, {{"search", "Moderated"}}), QStringList{"Moderated four"});
+    QCOMPARE(download(&visitor, banned), QStringLiteral("Download failed: Resource not found"));
     QString error;
     QVERIFY(upload(author.get(), "Moderated again", "again.gpc3", {}, &error).isEmpty());
     QCOMPARE(error, QStringLiteral("Upload failed: Your account has been banned from uploading"));
