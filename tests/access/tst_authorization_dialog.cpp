@@ -166,19 +166,14 @@ private slots:
         QTest::addColumn<QString>("offsetsSent");
         const QJsonObject first = page(0, 500, 1234), second = page(500, 500, 1234);
         QTest::newRow("first of three") << QJsonArray{first} << 500 << "Load More (500 of 1234)..."
-                                        << "Showing 500 of 1234 user(s)"
-                                        << "0";
+                                        << "Showing 500 of 1234 user(s)" << "0";
         QTest::newRow("later offset appends") << QJsonArray{first, second} << 1000 << "Load More (1000 of 1234)..."
-                                              << "Showing 1000 of 1234 user(s)"
-                                              << "0,500";
+                                              << "Showing 1000 of 1234 user(s)" << "0,500";
         QTest::newRow("last page hides the button") << QJsonArray{first, second, page(1000, 234, 1234)} << 1234 << ""
-                                                    << "1234 user(s) authorized"
-                                                    << "0,500,1000";
-        QTest::newRow("offset 0 replaces") << QJsonArray{first, page(0, 3, 3)} << 3 << ""
-                                           << "3 user(s) authorized"
+                                                    << "1234 user(s) authorized" << "0,500,1000";
+        QTest::newRow("offset 0 replaces") << QJsonArray{first, page(0, 3, 3)} << 3 << "" << "3 user(s) authorized"
                                            << "0,500";
-        QTest::newRow("no pagination") << QJsonArray{first, page(0, 7, 0, false)} << 7 << ""
-                                       << "7 user(s) authorized"
+        QTest::newRow("no pagination") << QJsonArray{first, page(0, 7, 0, false)} << 7 << "" << "7 user(s) authorized"
                                        << "0,500";
     }
 

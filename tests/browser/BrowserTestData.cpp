@@ -1,6 +1,8 @@
 #include "BrowserTestData.h"
 
+#include <QBuffer>
 #include <QDateTime>
+#include <QImage>
 
 namespace Quorix::Testing {
 
@@ -93,6 +95,17 @@ QJsonObject BrowserTestData::weightsPage(const QJsonArray &items, int currentPag
                     {{QStringLiteral("current_page"), currentPage},
                      {QStringLiteral("total_pages"), totalPages},
                      {QStringLiteral("total_weights"), totalWeights}});
+}
+
+QByteArray BrowserTestData::png(const QSize &size, const QColor &colour)
+{
+    QImage image(size, QImage::Format_RGB32);
+    image.fill(colour);
+    QByteArray bytes;
+    QBuffer buffer(&bytes);
+    buffer.open(QIODevice::WriteOnly);
+    image.save(&buffer, "PNG");
+    return bytes;
 }
 
 } // namespace Quorix::Testing

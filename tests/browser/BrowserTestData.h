@@ -1,7 +1,10 @@
 #pragma once
 
+#include <QByteArray>
+#include <QColor>
 #include <QJsonArray>
 #include <QJsonObject>
+#include <QSize>
 #include <QString>
 
 namespace Quorix::Testing {
@@ -22,6 +25,9 @@ public:
     static QJsonObject scriptPage(const QJsonArray &items, int currentPage, int totalPages, int totalScripts);
     static QJsonObject environmentPage(const QJsonArray &items, int totalPages, int totalEnvironments);
     static QJsonObject weightsPage(const QJsonArray &items, int currentPage, int totalPages, int totalWeights);
+
+    // A PNG of one colour, as a server sends a thumbnail.
+    static QByteArray png(const QSize &size, const QColor &colour = Qt::red);
 };
 
 } // namespace Quorix::Testing

@@ -6,10 +6,8 @@
 #include "browser/ScriptCard.h"
 #include "browser/ThumbnailCache.h"
 
-#include <QBuffer>
 #include <QDateTime>
 #include <QGuiApplication>
-#include <QImage>
 #include <QLabel>
 #include <QPushButton>
 #include <QScreen>
@@ -102,17 +100,6 @@ QJsonObject contrastingRecord(const QString &kind)
              {QStringLiteral("qenv_metadata"), QJsonObject{{QStringLiteral("python"), QStringLiteral("2.7")}}}});
 }
 
-QByteArray pngBytes(const QSize &size)
-{
-    QImage image(size, QImage::Format_RGB32);
-    image.fill(Qt::red);
-    QByteArray bytes;
-    QBuffer buffer(&bytes);
-    buffer.open(QIODevice::WriteOnly);
-    image.save(&buffer, "PNG");
-    return bytes;
-}
-
 } // namespace
 
 class ResourceCardsTest : public QObject
@@ -138,49 +125,40 @@ void ResourceCardsTest::cardShowsTheRecord_data()
     QTest::addColumn<QString>("pillColour");
     QTest::addColumn<QString>("action");
     const QString weekAgo = QDateTime::currentDateTime().addDays(-7).toString(Qt::ISODate);
-    QTest::newRow("script") << "script"
-                            << QJsonObject{{"name", "Aim Assist"},
-                                           {"version", "2"},
-                                           {"downloads", 1500000},
-                                           {"created", weekAgo},
-                                           {"description", QString(201, QLatin1Char('d'))}}
-                            << QStringList{"GPC3", "Aim Assist", "v2.00 • 1 weeks ago by ada", "1.5M downloads",
-                                           QString(197, QLatin1Char('d')) + "..."}
-                            << "#666"
-                            << "Download";
-    QTest::newRow("script, plain fields")
-            << "script"
-            << QJsonObject{{"description", QString(200, QLatin1Char('e'))},
-                           {"version", 0},
-                           {"downloads", 999},
-                           {"created", "last spring"},
-                           {"author", "plain author"},
-                           {"type", "gbc3"}}
-            << QStringList{"GBC3", QString(200, QLatin1Char('e')), "last spring by plain author", "999 downloads"}
-            << "#666"
-            << "Download";
-    QTest::newRow("python script") << "script" << QJsonObject{{"type", "python"}} << QStringList{"PYTHON"} << "#666"
-                                   << "Download";
-    QTest::newRow("script without type or counters")
-            << "script" << QJsonObject{{"type", QJsonValue()}, {"downloads", QJsonValue()}}
-            << QStringList{"SCRIPT", "0 downloads"} << "#666"
-            << "Download";
-    QTest::newRow("environment") << "qenv" << QJsonObject{}
-                                 << QStringList{"QENV", "Python 3.11", "12 downloads • 7 packages", "Today by ada"}
-                                 << "#666"
-                                 << "Install";
-    QTest::newRow("environment without metadata")
-            << "qenv" << QJsonObject{{"qenv_metadata", QJsonValue()}}
-            << QStringList{"QENV", "Python 3.x", "12 downloads • 0 packages"} << "#666"
-            << "Install";
-    QTest::newRow("weights") << "onnx" << QJsonObject{} << QStringList{"ONNX", "v1.00 • Today by ada"} << "#00a0b0"
-                             << "Download (1.5 MB)";
-    QTest::newRow("encrypted weights") << "onnx" << QJsonObject{{"is_encrypted", 1}, {"size", 1023}}
-                                       << QStringList{"ENNX"} << "#8e44ad"
-                                       << "Download (1023 B)";
-    QTest::newRow("large weights") << "onnx" << QJsonObject{{"size", qint64(3) * 1073741824}} << QStringList{"ONNX"}
-                                   << "#00a0b0"
-                                   << "Download (3.0 GB)";
+    const QJsonObject script{{"name", "Aim Assist"},
+                             {"version", "2"},
+                             {"downloads", 1500000},
+                             {"created", weekAgo},
+                             {"description", QString(201, 'd')}};
+    const QJsonObject plain{{"description", QString(200, 'e')}, {"version", 0},          {"downloads", 999},
+                            {"created", "last spring"},         {"author", "plain author"}, {"type", "gbc3"}};
+    const struct
+    {
+        const char *tag, *kind;
+        QJsonObject changes;
+        QStringList texts;
+        const char *pillColour, *action;
+    } rows[] = {
+            {"script", "script", script,
+             {"GPC3", "Aim Assist", "v2.00 • 1 weeks ago by ada", "1.5M downloads", QString(197, 'd') + "..."}, "#666",
+             "Download"},
+            {"script, plain fields", "script", plain,
+             {"GBC3", QString(200, 'e'), "last spring by plain author", "999 downloads"}, "#666", "Download"},
+            {"python script", "script", {{"type", "python"}}, {"PYTHON"}, "#666", "Download"},
+            {"script without type or counters", "script", {{"type", QJsonValue()}, {"downloads", QJsonValue()}},
+             {"SCRIPT", "0 downloads"}, "#666", "Download"},
+            {"environment", "qenv", {}, {"QENV", "Python 3.11", "12 downloads • 7 packages", "Today by ada"}, "#666",
+             "Install"},
+            {"environment without metadata", "qenv", {{"qenv_metadata", QJsonValue()}},
+             {"QENV", "Python 3.x", "12 downloads • 0 packages"}, "#666", "Install"},
+            {"weights", "onnx", {}, {"ONNX", "v1.00 • Today by ada"}, "#00a0b0", "Download (1.5 MB)"},
+            {"encrypted weights", "onnx", {{"is_encrypted", 1}, {"size", 1023}}, {"ENNX"}, "#8e44ad",
+             "Download (1023 B)"},
+            {"large weights", "onnx", {{"size", qint64(3) * 1073741824}}, {"ONNX"}, "#00a0b0", "Download (3.0 GB)"},
+    };
+    for (const auto &row : rows)
+        QTest::newRow(row.tag) << QString(row.kind) << row.changes << row.texts << QString(row.pillColour)
+                               << QString(row.action);
 }
 
 // A card that the grid reuses for another record must look exactly like a card made for that record.
@@ -193,7 +171,6 @@ void ResourceCardsTest::cardShowsTheRecord()
     QFETCH(QString, action);
     const QJsonObject item = BrowserTestData::record(kind, QStringLiteral("r1"), changes);
     const auto card = makeCard(kind, item);
-    QCOMPARE(card->size(), QSize(280, 360));
     const QStringList shown = visibleLabelTexts(card.get());
     for (const QString &text : std::as_const(texts))
         QVERIFY2(shown.contains(text), qPrintable(text + QLatin1String(" in ") + shown.join(QLatin1Char('|'))));
@@ -219,31 +196,34 @@ void ResourceCardsTest::visibilityDecidesBadgeAndDownload_data()
     QTest::addColumn<QString>("badgeColour");
     QTest::addColumn<bool>("downloadEnabled");
     QTest::addColumn<QString>("downloadToolTip");
-    QTest::newRow("public") << "script" << QJsonObject{} << QString() << QString() << true << QString();
-    QTest::newRow("older public flag false")
-            << "script" << QJsonObject{{"visibility_type", QJsonValue()}, {"is_public", false}} << "PRIVATE"
-            << "#f9a825" << true << QString();
-    QTest::newRow("private, authorized") << "script"
-                                         << QJsonObject{{"visibility_type", "private"}, {"can_download", true}}
-                                         << "PRIVATE"
-                                         << "#f9a825" << true << QString();
-    QTest::newRow("private, not authorized")
-            << "script" << QJsonObject{{"visibility_type", "private"}, {"can_download", false}} << "PRIVATE"
-            << "#f9a825" << false << "This script is private. You need authorization from the author.";
-    QTest::newRow("locked") << "script" << QJsonObject{{"visibility_type", "purchasable"}, {"can_download", false}}
-                            << "LOCKED"
-                            << "#e53935" << false << "This script is purchasable. Contact the author for access.";
-    QTest::newRow("unknown visibility") << "script" << QJsonObject{{"visibility_type", "unlisted"}} << "UNLISTED"
-                                        << "#666" << true << QString();
-    QTest::newRow("locked environment") << "qenv"
-                                        << QJsonObject{{"visibility_type", "purchasable"}, {"can_download", false}}
-                                        << "LOCKED"
-                                        << "#e53935" << false
-                                        << "This environment is purchasable. Contact the author for access.";
-    QTest::newRow("private weights") << "onnx" << QJsonObject{{"visibility_type", "private"}, {"can_download", false}}
-                                     << "PRIVATE"
-                                     << "#f9a825" << false
-                                     << "These weights are private. You need authorization from the author.";
+    const QString hidden = "%1 private. You need authorization from the author.",
+                  locked = "%1 purchasable. Contact the author for access.";
+    const QJsonObject privateRefused{{"visibility_type", "private"}, {"can_download", false}},
+            lockedRefused{{"visibility_type", "purchasable"}, {"can_download", false}};
+    const struct
+    {
+        const char *tag, *kind;
+        QJsonObject changes;
+        QString badge, badgeColour;
+        bool downloadEnabled;
+        QString downloadToolTip;
+    } rows[] = {
+            {"public", "script", {}, {}, {}, true, {}},
+            {"older public flag false", "script", {{"visibility_type", QJsonValue()}, {"is_public", false}}, "PRIVATE",
+             "#f9a825", true, {}},
+            {"private, authorized", "script", {{"visibility_type", "private"}, {"can_download", true}}, "PRIVATE",
+             "#f9a825", true, {}},
+            {"private, not authorized", "script", privateRefused, "PRIVATE", "#f9a825", false,
+             hidden.arg("This script is")},
+            {"locked", "script", lockedRefused, "LOCKED", "#e53935", false, locked.arg("This script is")},
+            {"unknown visibility", "script", {{"visibility_type", "unlisted"}}, "UNLISTED", "#666", true, {}},
+            {"locked environment", "qenv", lockedRefused, "LOCKED", "#e53935", false,
+             locked.arg("This environment is")},
+            {"private weights", "onnx", privateRefused, "PRIVATE", "#f9a825", false, hidden.arg("These weights are")},
+    };
+    for (const auto &row : rows)
+        QTest::newRow(row.tag) << QString(row.kind) << row.changes << row.badge << row.badgeColour
+                               << row.downloadEnabled << row.downloadToolTip;
 }
 
 void ResourceCardsTest::visibilityDecidesBadgeAndDownload()
@@ -271,34 +251,19 @@ void ResourceCardsTest::visibilityDecidesBadgeAndDownload()
     }
 }
 
+// Counts, the liked look and the answer to a click are checked on the page; here what the card keeps by itself.
 void ResourceCardsTest::likeStatesAndCounts()
 {
     ScriptCard card(BrowserTestData::record(QStringLiteral("script"), QStringLiteral("s1"), {{"likes", 0}}));
     QPushButton *like = likeButton(&card);
     QVERIFY(like->text().isEmpty());
-    QVERIFY(!like->isChecked());
-
     card.setLiked(true);
-    card.setLikeCount(1);
     card.updateLikeButton();
-    QCOMPARE(like->text(), QStringLiteral("1"));
-    QVERIFY(like->isChecked());
-    QCOMPARE(like->toolTip(), QStringLiteral("Already liked"));
-
     // A click asks the server; the heart keeps the last known state until the answer comes.
-    QSignalSpy likes(&card, &ScriptCard::likeClicked);
     like->click();
-    QCOMPARE(likes.size(), 1);
-    QCOMPARE(likes.first().first().toString(), QStringLiteral("s1"));
     QVERIFY(like->isChecked());
-
-    card.setLikeEnabled(false, QStringLiteral("Log in to like scripts"));
-    QVERIFY(!like->isEnabled());
-    card.setLiked(false);
-    card.updateLikeButton();
-    QCOMPARE(like->toolTip(), QStringLiteral("Log in to like scripts"));
     // Reused for another record, the card keeps the sign-in state but not the previous record's like.
-    card.setLiked(true);
+    card.setLikeEnabled(false, QStringLiteral("Log in to like scripts"));
     card.bind(BrowserTestData::script(QStringLiteral("s2")));
     QVERIFY(!like->isChecked());
     QVERIFY(!like->isEnabled());
@@ -309,13 +274,9 @@ void ResourceCardsTest::cardSignalsCarryTheId()
 {
     QenvCard environment(BrowserTestData::environment(QStringLiteral("e7")));
     QSignalSpy installs(&environment, &QenvCard::installClicked);
-    QSignalSpy clicks(&environment, &QenvCard::clicked);
     actionButton(&environment)->click();
-    QTest::mouseClick(&environment, Qt::LeftButton, {}, QPoint(140, 60));
     QCOMPARE(installs.size(), 1);
     QCOMPARE(installs.first().first().toString(), QStringLiteral("e7"));
-    QCOMPARE(clicks.size(), 1);
-    QCOMPARE(clicks.first().first().toString(), QStringLiteral("e7"));
 
     OnnxCard weights(BrowserTestData::weights(QStringLiteral("w7")));
     weights.bind(BrowserTestData::weights(QStringLiteral("w8")));
@@ -328,8 +289,8 @@ void ResourceCardsTest::thumbnailsAreFetchedOnceWhileCached()
 {
     RecordingHttpServer server;
     QVERIFY(server.listen());
-    server.setRule(QStringLiteral("/wide.png"), ScriptedResponse::bytes(pngBytes(QSize(800, 200)), "image/png"));
-    server.setRule(QStringLiteral("/other.png"), ScriptedResponse::bytes(pngBytes(QSize(300, 300)), "image/png"));
+    server.setRule(QStringLiteral("/wide.png"), ScriptedResponse::bytes(BrowserTestData::png({800, 200}), "image/png"));
+    server.setRule(QStringLiteral("/other.png"), ScriptedResponse::bytes(BrowserTestData::png({300, 300}), "image/png"));
     server.setRule(QStringLiteral("/garbage.png"), ScriptedResponse::bytes("not an image", "image/png"));
     server.setRule(QStringLiteral("/missing.png"), ScriptedResponse::bytes("gone", "text/plain", 404));
     const auto picture = [&](const QString &path) {

@@ -123,18 +123,12 @@ private slots:
         QTest::addColumn<QString>("explorerFolder");
         QTest::addColumn<QString>("applicationFolder");
         QTest::addColumn<QString>("expected");
-        QTest::newRow("explorer folder") << "work"
-                                         << "app/lib"
-                                         << "work";
-        QTest::newRow("explorer folder gone, lib") << "gone"
-                                                   << "app/lib"
-                                                   << "app/scripts";
-        QTest::newRow("no explorer folder, bin") << ""
-                                                 << "app/bin"
-                                                 << "app/bin/scripts";
-        QTest::newRow("library-like name is not lib") << ""
-                                                      << "app/libs"
-                                                      << "app/libs/scripts";
+        for (const auto &[tag, explorer, application, expected] :
+             {std::tuple{"explorer folder", "work", "app/lib", "work"},
+              std::tuple{"explorer folder gone, lib", "gone", "app/lib", "app/scripts"},
+              std::tuple{"no explorer folder, bin", "", "app/bin", "app/bin/scripts"},
+              std::tuple{"library-like name is not lib", "", "app/libs", "app/libs/scripts"}})
+            QTest::newRow(tag) << QString(explorer) << QString(application) << QString(expected);
     }
 
     void scriptsDirectoryFollowsTheExplorerElseTheApplication()
@@ -157,23 +151,29 @@ private slots:
         QTest::addColumn<QString>("offered");
         QTest::addColumn<QStringList>("after");
         QTest::addColumn<QString>("saved");
-        QTest::newRow("no conflict") << QStringList() << ""
-                                     << "" << QStringList{"abc.gpc3=new"} << "abc.gpc3";
-        QTest::newRow("cancel keeps the old file") << QStringList{"abc.gpc3"} << "Cancel"
-                                                   << "abc_0" << QStringList{"abc.gpc3=old"} << "";
-        QTest::newRow("replace") << QStringList{"abc.gpc3"} << "Replace"
-                                 << "abc_0" << QStringList{"abc.gpc3=new"} << "abc.gpc3";
-        QTest::newRow("first copy is numbered 0")
-                << QStringList{"abc.gpc3"} << "Save as abc_0"
-                << "abc_0" << QStringList{"abc.gpc3=old", "abc_0.gpc3=new"} << "abc_0.gpc3";
-        QTest::newRow("only abc_5 present proposes abc_1")
-                << QStringList{"abc.gpc3", "abc_5.gpc3"} << "Save as abc_1"
-                << "abc_1" << QStringList{"abc.gpc3=old", "abc_1.gpc3=new", "abc_5.gpc3=old"} << "abc_1.gpc3";
-        QTest::newRow("taken proposal ends silently") << QStringList{"abc.gpc3", "abc_1.gpc3"} << "Save as abc_1"
-                                                      << "abc_1" << QStringList{"abc.gpc3=old", "abc_1.gpc3=old"} << "";
-        QTest::newRow("copies of another suffix do not count")
-                << QStringList{"abc.gpc3", "abc_0.py"} << "Save as abc_0"
-                << "abc_0" << QStringList{"abc.gpc3=old", "abc_0.gpc3=new", "abc_0.py=old"} << "abc_0.gpc3";
+        const struct
+        {
+            const char *tag;
+            QStringList present;
+            const char *button, *offered;
+            QStringList after;
+            const char *saved;
+        } rows[] = {
+                {"no conflict", {}, "", "", {"abc.gpc3=new"}, "abc.gpc3"},
+                {"cancel keeps the old file", {"abc.gpc3"}, "Cancel", "abc_0", {"abc.gpc3=old"}, ""},
+                {"replace", {"abc.gpc3"}, "Replace", "abc_0", {"abc.gpc3=new"}, "abc.gpc3"},
+                {"first copy is numbered 0", {"abc.gpc3"}, "Save as abc_0", "abc_0", {"abc.gpc3=old", "abc_0.gpc3=new"},
+                 "abc_0.gpc3"},
+                {"only abc_5 present proposes abc_1", {"abc.gpc3", "abc_5.gpc3"}, "Save as abc_1", "abc_1",
+                 {"abc.gpc3=old", "abc_1.gpc3=new", "abc_5.gpc3=old"}, "abc_1.gpc3"},
+                {"taken proposal ends silently", {"abc.gpc3", "abc_1.gpc3"}, "Save as abc_1", "abc_1",
+                 {"abc.gpc3=old", "abc_1.gpc3=old"}, ""},
+                {"copies of another suffix do not count", {"abc.gpc3", "abc_0.py"}, "Save as abc_0", "abc_0",
+                 {"abc.gpc3=old", "abc_0.gpc3=new", "abc_0.py=old"}, "abc_0.gpc3"},
+        };
+        for (const auto &row : rows)
+            QTest::newRow(row.tag) << row.present << QString(row.button) << QString(row.offered) << row.after
+                                   << QString(row.saved);
     }
 
     void existingFileIsReplacedCopiedOrKept()
@@ -208,10 +208,9 @@ private slots:
     {
         QTest::addColumn<QString>("fileName");
         QTest::addColumn<int>("viewer"); // 1 GPC, 2 Python, 0 none
-        QTest::newRow("gpc3") << "aim.gpc3" << 1;
-        QTest::newRow("gbc3 in capitals") << "aim.GBC3" << 1;
-        QTest::newRow("python") << "reader.py" << 2;
-        QTest::newRow("other suffix") << "notes.txt" << 0;
+        for (const auto &[fileName, viewer] : {std::pair{"aim.gpc3", 1}, std::pair{"aim.GBC3", 1},
+                                               std::pair{"reader.py", 2}, std::pair{"notes.txt", 0}})
+            QTest::newRow(fileName) << QString(fileName) << viewer;
     }
 
     void savedScriptReachesItsViewerPlugin()

@@ -1,3 +1,4 @@
+#include "BrowserTestData.h"
 #include "ModalAnswerer.h"
 #include "RecordingHttpServer.h"
 #include "TemporaryHome.h"
@@ -12,7 +13,6 @@
 #include <QComboBox>
 #include <QCryptographicHash>
 #include <QDir>
-#include <QJsonArray>
 #include <QJsonDocument>
 #include <QTest>
 #include <QToolButton>
@@ -24,20 +24,8 @@ using namespace Quorix::Testing;
 
 namespace {
 
-QJsonObject weights(const QString &id, bool encrypted)
-{
-    return {{"id", id},
-            {"name", "Item " + id},
-            {"type", "onnx"},
-            {"created", "2026-01-02T03:04:05Z"},
-            {"version", 1},
-            {"visibility_type", "public"},
-            {"is_encrypted", encrypted},
-            {"size", 1572864},
-            {"author", QJsonObject{{"username", "ada"}, {"discord_id", "111111111111111111"}}}};
-}
-
-// What the manifest holds for weights(id) saved with the given size, without the time of the download.
+// What the manifest holds for BrowserTestData::weights(id) saved with the given size, without the time of the
+// download.
 QJsonObject entry(const QString &id, bool encrypted, qint64 size)
 {
     return {{"name", "Item " + id},
@@ -107,11 +95,9 @@ private slots:
     {
         server.reset();
         server.setDefaultResponse(ScriptedResponse::json({{"success", false}}));
-        const QJsonObject list{
-                {"success", true},
-                {"weights", QJsonArray{weights("w-a", false), weights("w-b", true)}},
-                {"pagination", QJsonObject{{"current_page", 1}, {"total_pages", 1}, {"total_weights", 2}}}};
-        server.setRule("/api/scripts/onnx/list", ScriptedResponse::json(list));
+        server.setRule("/api/scripts/onnx/list",
+                       ScriptedResponse::json(BrowserTestData::weightsPage(
+                               {BrowserTestData::weights("w-a"), BrowserTestData::weights("w-b", true)}, 1, 1, 2)));
         const QString folder = WeightsLibrary().folder();
         QFile::remove(folder);
         QDir(folder).removeRecursively();
@@ -222,21 +208,15 @@ private slots:
         QTest::addColumn<QString>("failure");
         QTest::addColumn<QString>("id");
         QTest::addColumn<QString>("message");
-        QTest::newRow("damaged in transit") << "damaged"
-                                            << "w-a"
-                                            << "Download failed: the file was damaged in transit";
-        QTest::newRow("refused") << "refused"
-                                 << "w-a"
-                                 << "Download failed: Access denied";
-        QTest::newRow("connection dropped") << "dropped"
-                                            << "w-a"
-                                            << "Connection was dropped - file may exceed server upload limit";
-        QTest::newRow("ID with path characters") << "none"
-                                                 << "../w-a"
-                                                 << "Failed to save downloaded weights file";
-        QTest::newRow("library folder cannot exist") << "no folder"
-                                                     << "w-b"
-                                                     << "Failed to save downloaded weights file";
+        const char *notSaved = "Failed to save downloaded weights file";
+        for (const auto &[tag, failure, id, message] :
+             {std::tuple{"damaged in transit", "damaged", "w-a", "Download failed: the file was damaged in transit"},
+              std::tuple{"refused", "refused", "w-a", "Download failed: Access denied"},
+              std::tuple{"connection dropped", "dropped", "w-a",
+                         "Connection was dropped - file may exceed server upload limit"},
+              std::tuple{"ID with path characters", "none", "../w-a", notSaved},
+              std::tuple{"library folder cannot exist", "no folder", "w-b", notSaved}})
+            QTest::newRow(tag) << QString(failure) << QString(id) << QString(message);
     }
 
     void failureLeavesOlderWeightsAndNoTemporaryFile()

@@ -117,12 +117,9 @@ private slots:
         QTest::addColumn<int>("kind");
         QTest::addColumn<QString>("loadingTitle");
         QTest::addColumn<QString>("title");
-        QTest::newRow("script") << S << "Loading Script Details..."
-                                << "Script Details - Item a1";
-        QTest::newRow("environment") << E << "Loading Environment Details..."
-                                     << "Environment Details - Item a1";
-        QTest::newRow("weights") << W << "Loading ONNX Weights Details..."
-                                 << "ONNX Weights - Item a1";
+        QTest::newRow("script") << S << "Loading Script Details..." << "Script Details - Item a1";
+        QTest::newRow("environment") << E << "Loading Environment Details..." << "Environment Details - Item a1";
+        QTest::newRow("weights") << W << "Loading ONNX Weights Details..." << "ONNX Weights - Item a1";
     }
 
     void cardClickShowsLoadingThenTheRecord()
@@ -183,20 +180,14 @@ private slots:
         QTest::addColumn<int>("kind");
         QTest::addColumn<QString>("button");
         QTest::addColumn<QString>("path");
-        QTest::newRow("like script") << S << "likeButton"
-                                     << "/api/scripts/like/a1";
-        QTest::newRow("like environment") << E << "likeButton"
-                                          << "/api/scripts/qenv/like/a1";
-        QTest::newRow("like weights") << W << "likeButton"
-                                      << "/api/scripts/onnx/like/a1";
-        QTest::newRow("delete script") << S << "deleteButton"
-                                       << "/api/scripts/a1";
-        QTest::newRow("delete environment") << E << "deleteButton"
-                                            << "/api/scripts/qenv/a1";
-        QTest::newRow("delete weights") << W << "deleteButton"
-                                        << "/api/scripts/onnx/a1";
-        QTest::newRow("ban") << W << "banAuthorButton"
-                             << "/api/scripts/ban/" + Records::authorId;
+        const char *const kinds[] = {"script", "environment", "weights"}, *const prefixes[] = {"", "qenv/", "onnx/"};
+        for (const int kind : {S, E, W}) {
+            QTest::addRow("like %s", kinds[kind]) << kind << "likeButton"
+                                                  << QString("/api/scripts/%1like/a1").arg(prefixes[kind]);
+            QTest::addRow("delete %s", kinds[kind]) << kind << "deleteButton"
+                                                    << QString("/api/scripts/%1a1").arg(prefixes[kind]);
+        }
+        QTest::newRow("ban") << W << "banAuthorButton" << "/api/scripts/ban/" + Records::authorId;
     }
 
     void dialogActionsReachTheServer()
@@ -233,8 +224,8 @@ private slots:
         const QString retry = "Could not load %1 details. Please try again.";
         const QString gone
                 = "%1 could not be found on the server.\n%2 may have been deleted or %3 no longer accessible.";
-        QTest::newRow("script not found") << S << 404 << "Script not found"
-                                          << "Script Not Found" << gone.arg(u"This script", u"It", u"is");
+        QTest::newRow("script not found")
+                << S << 404 << "Script not found" << "Script Not Found" << gone.arg(u"This script", u"It", u"is");
         QTest::newRow("script server error") << S << 500 << "boom" << failed << retry.arg("script");
         QTest::newRow("digits of a port are no 404")
                 << S << 200 << "Upstream 127.0.0.1:40412 busy" << failed << retry.arg("script");
@@ -242,8 +233,8 @@ private slots:
                 << E << 404 << "gone"
                 << "Environment Not Found" << gone.arg(u"This environment", u"It", u"is");
         QTest::newRow("environment refused") << E << 200 << "busy" << failed << retry.arg("environment");
-        QTest::newRow("weights not found") << W << 200 << "Weights not found (404)"
-                                           << "Weights Not Found" << gone.arg(u"These weights", u"They", u"are");
+        QTest::newRow("weights not found") << W << 200 << "Weights not found (404)" << "Weights Not Found"
+                                           << gone.arg(u"These weights", u"They", u"are");
         QTest::newRow("weights refused") << W << 200 << "busy" << failed << retry.arg("weights");
     }
 

@@ -96,20 +96,13 @@ private slots:
         QTest::addColumn<QString>("badge");
         QTest::addColumn<QString>("kindPath");
         QTest::addColumn<QString>("downloadedName");
+        const QByteArray environment = R"({"name":"vision","python":"3.11","packages":["numpy"]})";
         QTest::newRow("script") << "recoil.gpc3" << QByteArray("main { set_val(PS5_R2, 100); }\n") << 0 << "Script"
-                                << "GPC3"
-                                << ""
-                                << "recoil.gpc3";
+                                << "GPC3" << "" << "recoil.gpc3";
         QTest::newRow("environment package")
-                << "vision.qenv" << QByteArray(R"({"name":"vision","python":"3.11","packages":["numpy"]})") << 3
-                << "Environment"
-                << "QENV"
-                << "qenv/"
-                << "vision.qenv";
+                << "vision.qenv" << environment << 3 << "Environment" << "QENV" << "qenv/" << "vision.qenv";
         QTest::newRow("encrypted weights") << "detector.onnx" << QByteArray(70000, '\x07') << 4 << "ONNX Weights"
-                                           << "ENNX"
-                                           << "onnx/"
-                                           << "detector.ennx";
+                                           << "ENNX" << "onnx/" << "detector.ennx";
     }
 
     void publishThenPublishAgainUpdates()

@@ -81,18 +81,13 @@ private slots:
         QTest::addColumn<qint64>("size");
         QTest::addColumn<QString>("refusal");
         QTest::addColumn<QString>("checkedType");
-        QTest::newRow("script at the limit") << "limit.gpc3" << qint64(10485760) << ""
-                                             << "gpc3";
-        QTest::newRow("script one byte over") << "over.gpc3" << qint64(10485761) << "File must be less than 10MB."
-                                              << "";
-        QTest::newRow("environment of 20 MB") << "env.qenv" << qint64(20971520) << "File must be less than 10MB."
-                                              << "";
-        QTest::newRow("weights in capitals, 20 MB") << "MODEL.ONNX" << qint64(20971520) << ""
-                                                    << "onnx";
-        QTest::newRow("weights one byte over") << "huge.onnx" << qint64(524288001) << "File must be less than 500MB."
-                                               << "";
-        QTest::newRow("missing file") << "missing.py" << qint64(-1) << "File not found: %1"
-                                      << "";
+        const QString tooLarge = "File must be less than %1.";
+        QTest::newRow("script at the limit") << "limit.gpc3" << qint64(10485760) << "" << "gpc3";
+        QTest::newRow("script one byte over") << "over.gpc3" << qint64(10485761) << tooLarge.arg("10MB") << "";
+        QTest::newRow("environment of 20 MB") << "env.qenv" << qint64(20971520) << tooLarge.arg("10MB") << "";
+        QTest::newRow("weights in capitals, 20 MB") << "MODEL.ONNX" << qint64(20971520) << "" << "onnx";
+        QTest::newRow("weights one byte over") << "huge.onnx" << qint64(524288001) << tooLarge.arg("500MB") << "";
+        QTest::newRow("missing file") << "missing.py" << qint64(-1) << "File not found: %1" << "";
     }
 
     void presetPathIsCheckedAgainstItsLimit()
@@ -133,19 +128,15 @@ private slots:
         const QString newScript = "This will be uploaded as a new script.", newStyle = "QLabel { color: #44aa44; }";
         QTest::newRow("found") << QByteArray(R"({"success":true,"exists":true,"data":{"id":"abc-1","name":"Aim"}})")
                                << 200 << "This script already exists. Proceeding will update it."
-                               << "QLabel { color: #4488ff; font-weight: bold; }"
-                               << "Update Script"
-                               << "abc-1";
+                               << "QLabel { color: #4488ff; font-weight: bold; }" << "Update Script" << "abc-1";
         QTest::newRow("success without exists")
                 << QByteArray(R"({"success":true,"exists":false})") << 200 << newScript << newStyle << "Upload New"
                 << "";
         QTest::newRow("exists without success")
                 << QByteArray(R"({"success":false,"exists":true,"data":{"id":"abc-1"}})") << 200 << newScript
-                << newStyle << "Upload New"
-                << "";
+                << newStyle << "Upload New" << "";
         QTest::newRow("server error") << QByteArray(R"({"success":false,"error":"boom"})") << 500 << unreachable
-                                      << errorStyle << "Upload"
-                                      << "";
+                                      << errorStyle << "Upload" << "";
     }
 
     void checkReplyDecidesUpdateOrNew()

@@ -131,12 +131,8 @@ private slots:
     {
         QTest::addColumn<QString>("typed");
         QTest::addColumn<QString>("shown");
-        QTest::newRow("12.34") << "12.34"
-                               << "12.34";
-        QTest::newRow("123") << "123"
-                             << "12";
-        QTest::newRow("1.234") << "1.234"
-                               << "1.23";
+        for (const auto &[typed, shown] : {std::pair{"12.34", "12.34"}, {"123", "12"}, {"1.234", "1.23"}})
+            QTest::newRow(typed) << QString(typed) << QString(shown);
     }
 
     void versionTakesTwoDigitsEachSide()
@@ -201,26 +197,27 @@ private slots:
         QTest::addColumn<int>("processingMs");
         QTest::addColumn<QString>("outcome");
         // 30 s and 180 s overall and 30 s of processing, scaled down a hundredfold; the timer not under test is long.
-        QTest::newRow("weights silent beyond the script limit") << "model.onnx"
-                                                                << "late" << 300 << 5000 << "late";
-        QTest::newRow("script silent beyond its limit")
-                << "slow.gpc3"
-                << "late" << 300 << 5000 << "Upload timeout - Check your connection";
-        QTest::newRow("no answer after the last byte")
-                << "stuck.qenv"
-                << "silent" << 5000 << 300 << "Server did not respond after upload completed.";
-        QTest::newRow("413") << "big.gbc3"
-                             << "413" << 5000 << 5000 << "Upload failed - File too large - exceeds server upload limit";
-        QTest::newRow("dropped connection")
-                << "drop.gbc3"
-                << "drop" << 5000 << 5000 << "Connection was dropped - file may exceed server upload limit";
-        QTest::newRow("file vanished") << "gone.py"
-                                       << "vanish" << 5000 << 5000 << "can no longer be read";
-        QTest::newRow("file became a folder") << "folder.py"
-                                              << "folder" << 5000 << 5000 << "can no longer be read";
-        QTest::newRow("image no longer a picture")
-                << "image.py"
-                << "image" << 5000 << 5000 << "is no longer a picture of at most 4MB";
+        const struct
+        {
+            const char *tag, *fileName, *fault;
+            int overallMs, processingMs;
+            const char *outcome;
+        } rows[] = {
+                {"weights silent beyond the script limit", "model.onnx", "late", 300, 5000, "late"},
+                {"script silent beyond its limit", "slow.gpc3", "late", 300, 5000,
+                 "Upload timeout - Check your connection"},
+                {"no answer after the last byte", "stuck.qenv", "silent", 5000, 300,
+                 "Server did not respond after upload completed."},
+                {"413", "big.gbc3", "413", 5000, 5000, "Upload failed - File too large - exceeds server upload limit"},
+                {"dropped connection", "drop.gbc3", "drop", 5000, 5000,
+                 "Connection was dropped - file may exceed server upload limit"},
+                {"file vanished", "gone.py", "vanish", 5000, 5000, "can no longer be read"},
+                {"file became a folder", "folder.py", "folder", 5000, 5000, "can no longer be read"},
+                {"image no longer a picture", "image.py", "image", 5000, 5000, "is no longer a picture of at most 4MB"},
+        };
+        for (const auto &row : rows)
+            QTest::newRow(row.tag) << QString(row.fileName) << QString(row.fault) << row.overallMs << row.processingMs
+                                   << QString(row.outcome);
     }
 
     void uploadOutcome()
