@@ -130,7 +130,12 @@ void CardGridView::resizeEvent(QResizeEvent *event)
 {
     QWidget::resizeEvent(event);
     messageLabel->setGeometry(rect());
-    updateBand();
+    // The viewport changes width without the page resizing too: a scroll bar comes or goes, or the scroll area
+    // gets its real size only when it is first shown after loading.
+    if (fittingColumns() != columnCount)
+        reflow();
+    else
+        updateBand();
 }
 
 void CardGridView::paintEvent(QPaintEvent *event)

@@ -141,6 +141,7 @@ private slots:
     void cardsSitInColumnsThatFitTheViewport_data();
     void cardsSitInColumnsThatFitTheViewport();
     void scrollingLoadsFollowingPagesInServerOrderOnlyOnce();
+    void aFirstListArrivingLateStillFillsTheWidth();
     void refreshWhileAPageIsInFlightShowsOnlyTheNewList();
     void onlyRowsNearTheViewportHaveCardsAndTheyShowTheLatestState();
     void messagesInTheGrid_data();
@@ -299,6 +300,17 @@ void OnlineResourcesWidgetTest::scrollingLoadsFollowingPagesInServerOrderOnlyOnc
     QCOMPARE(idsScrollingThrough(page.get()), idRange("a", 1, 24) + idRange("b", 1, 24) + idRange("c", 1, 12));
     QTest::qWait(200);
     QCOMPARE(requestsTo(listPath).size(), 3);
+}
+
+// The scroll area is hidden behind the loading dots until the list arrives, and only then learns its real width.
+void OnlineResourcesWidgetTest::aFirstListArrivingLateStillFillsTheWidth()
+{
+    server.setRule(listPath,
+                   ScriptedResponse::json(BrowserTestData::scriptPage(BrowserTestData::scripts("s", 1, 4), 1, 1, 4))
+                           .withDelay(400));
+    auto page = makePage();
+    QTRY_COMPARE(idsInView(page.get()).size(), 4);
+    QTRY_COMPARE(columnsInView(page.get()), 2);
 }
 
 // Emptying a scrolled grid is no bottom reached, and a page of the list before the refresh has no place in it.
@@ -710,7 +722,8 @@ void OnlineResourcesWidgetTest::showingThePageAgainKeepsItsKind()
     chooseKind(page.get(), filterIndex);
     QVERIFY(waitForRequestsTo(kindListPath, 1));
     QVERIFY(waitUntilIdle(page.get()));
-    QCOMPARE(cardsInView(page.get()).size(), items);
+    // The page's first script list may be what ended the loading state; the kind's own list can come later.
+    QTRY_COMPARE(cardsInView(page.get()).size(), items);
     const int kindListsBefore = requestsTo(kindListPath).size();
     const int scriptListsBefore = requestsTo(listPath).size();
 
