@@ -78,7 +78,7 @@ stop_sampling() {
 
 mib() { awk -v k="$1" 'BEGIN { printf "%.1f MiB", k / 1024 }'; }
 # Growth from $1 to the peak $2 in MiB; a peak below the start (pages given back) counts as none.
-growth() { awk -v a="$1" -v b="$2" 'BEGIN { d = b - a; printf "+%.1f MiB", d > 0 ? d / 1024 : 0 }'; }
+growth() { awk -v a="$1" -v b="$2" 'BEGIN { d = b - a; printf "+%.1f MiB", (d > 0 ? d / 1024 : 0) }'; }
 
 # 99th percentile of a wrk --latency report in milliseconds.
 wrk_p99() {
