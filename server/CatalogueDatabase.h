@@ -1,9 +1,11 @@
 #pragma once
 
 #include <QDateTime>
+#include <QHash>
 #include <QJsonArray>
 #include <QJsonObject>
 #include <QSqlDatabase>
+#include <QSqlQuery>
 #include <QString>
 #include <QStringList>
 
@@ -147,9 +149,20 @@ private:
     QSqlDatabase database() const;
     bool migrate(QString *error);
     QString accessCondition(const Caller &caller, bool forDownload) const;
+    // Prepared once per connection and kept, for the statements every list request runs.
+    QSqlQuery &statement(const QString &sql);
+    // The row ids a filter selects, in its order, from the cache or the database.
+    const QList<qint64> &orderedRows(const QString &filter);
+    // Drops the cached orders once another connection (a tool, a second server) has committed a change.
+    void noticeForeignWrites();
 
     QString path;
     QString connectionName;
+    QHash<QString, QSqlQuery> statements;
+    // Which rows a caller-independent filter lists and in what order, keyed by the filter's SQL. Every write that can
+    // change membership or order (resources, likes, bans, download counts) clears it; views and names do not count.
+    QHash<QString, QList<qint64>> listOrders;
+    qint64 dataVersion = -1;
 };
 
 } // namespace Quorix
