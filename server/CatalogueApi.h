@@ -6,6 +6,8 @@
 #include "FileDigests.h"
 #include "ImageLinkSigner.h"
 
+#include <QByteArray>
+#include <QCache>
 #include <QJsonObject>
 #include <QSet>
 #include <QString>
@@ -90,6 +92,9 @@ private:
     Settings settings;
     FileDigests digests;
     ImageLinkSigner imageLinks;
+    // List answers that every anonymous caller (or every administrator) gets alike, until the catalogue is written.
+    QCache<QString, QByteArray> sharedListPages{16 * 1024 * 1024};
+    qint64 sharedListPagesWrites = -1;
 };
 
 } // namespace Quorix

@@ -500,21 +500,31 @@ QSqlQuery &CatalogueDatabase::statement(const QString &sql)
     return *found;
 }
 
-void CatalogueDatabase::noticeForeignWrites()
+void CatalogueDatabase::noticeWrites()
 {
-    QSqlQuery &query = statement(QStringLiteral("PRAGMA data_version"));
+    QSqlQuery &query = statement(QStringLiteral("SELECT total_changes(), data_version FROM pragma_data_version"));
     if (query.exec() && query.next()) {
-        const qint64 version = query.value(0).toLongLong();
+        const qint64 changes = query.value(0).toLongLong();
+        const qint64 version = query.value(1).toLongLong();
         if (version != dataVersion)
             listOrders.clear();
+        if (changes != totalChanges || version != dataVersion)
+            ++writes;
+        totalChanges = changes;
         dataVersion = version;
     }
     query.finish();
 }
 
+qint64 CatalogueDatabase::writeCount()
+{
+    noticeWrites();
+    return writes;
+}
+
 const QList<qint64> &CatalogueDatabase::orderedRows(const QString &filter)
 {
-    noticeForeignWrites();
+    noticeWrites();
     auto found = listOrders.find(filter);
     if (found != listOrders.end())
         return *found;

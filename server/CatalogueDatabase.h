@@ -135,6 +135,8 @@ public:
     // Toggles the caller's like; returns the new state and count through the pointers.
     bool toggleLike(const QString &id, qint64 userId, bool *liked, int *likeCount);
     QStringList likedIds(const Caller &caller);
+    // A number that moves after any write to the catalogue, so that answers built from it can be kept until then.
+    qint64 writeCount();
 
     GrantOutcome grant(const QString &resourceId, const QString &discordId, const QString &notes,
                        const QString &expiresAt, QString *code);
@@ -153,8 +155,9 @@ private:
     QSqlQuery &statement(const QString &sql);
     // The row ids a filter selects, in its order, from the cache or the database.
     const QList<qint64> &orderedRows(const QString &filter);
-    // Drops the cached orders once another connection (a tool, a second server) has committed a change.
-    void noticeForeignWrites();
+    // Counts a write on this connection or a commit through another (a tool, a second server), and drops the cached
+    // orders after the latter.
+    void noticeWrites();
 
     QString path;
     QString connectionName;
@@ -163,6 +166,8 @@ private:
     // change membership or order (resources, likes, bans, download counts) clears it; views and names do not count.
     QHash<QString, QList<qint64>> listOrders;
     qint64 dataVersion = -1;
+    qint64 totalChanges = -1;
+    qint64 writes = 0;
 };
 
 } // namespace Quorix
