@@ -368,20 +368,18 @@ ApiResponse CatalogueApi::list(Context &context, const QString &kind)
     // Building the JSON of a page costs several times the lookups behind it, so a page that looks the same to every
     // caller of its kind is built once per state of the catalogue and origin.
     QString sharedKey;
+    qint64 writes = 0;
     if (query.search.isEmpty() && query.sort != QLatin1String("my_liked")
         && (context.caller.administrator || context.caller.userId <= 0)) {
-        const qint64 writes = database->writeCount();
-        if (writes != sharedListPagesWrites) {
-            sharedListPages.clear();
-            sharedListPagesWrites = writes;
-        }
+        writes = database->writeCount(query.kind);
         sharedKey = QStringList{kind, query.subtypes.join(QLatin1Char(',')), query.sort, QString::number(query.page),
                                 QString::number(query.limit),
                                 context.caller.administrator ? QStringLiteral("administrator") : QString(),
                                 request.origin}
                             .join(QLatin1Char('\n'));
-        if (const QByteArray *body = sharedListPages.object(sharedKey))
-            return ApiResponse::bytes(*body, "application/json");
+        const SharedListPage *cached = sharedListPages.object(sharedKey);
+        if (cached && cached->writes == writes)
+            return ApiResponse::bytes(cached->body, "application/json");
     }
 
     CatalogueDatabase::ListPage page;
@@ -405,7 +403,7 @@ ApiResponse CatalogueApi::list(Context &context, const QString &kind)
                                                                             {QStringLiteral("per_page"), query.limit},
                                                                             {totalKey, page.total}}}});
     if (!sharedKey.isEmpty())
-        sharedListPages.insert(sharedKey, new QByteArray(response.body), response.body.size());
+        sharedListPages.insert(sharedKey, new SharedListPage{response.body, writes}, response.body.size());
     return response;
 }
 

@@ -92,9 +92,14 @@ private:
     Settings settings;
     FileDigests digests;
     ImageLinkSigner imageLinks;
-    // List answers that every anonymous caller (or every administrator) gets alike, until the catalogue is written.
-    QCache<QString, QByteArray> sharedListPages{16 * 1024 * 1024};
-    qint64 sharedListPagesWrites = -1;
+    // A list answer that every anonymous caller (or every administrator) gets alike, and the write count of its kind
+    // it was built at.
+    struct SharedListPage
+    {
+        QByteArray body;
+        qint64 writes = 0;
+    };
+    QCache<QString, SharedListPage> sharedListPages{16 * 1024 * 1024};
 };
 
 } // namespace Quorix

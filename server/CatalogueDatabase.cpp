@@ -225,8 +225,9 @@ bool CatalogueDatabase::commit()
 
 void CatalogueDatabase::rollback()
 {
-    // A rolled-back write may have cleared the orders already, but an order read inside the transaction saw it.
+    // A rolled-back write may have cleared the caches already, but a list read inside the transaction saw it.
     listOrders.clear();
+    ++writes;
     database().rollback();
 }
 
@@ -416,11 +417,8 @@ QJsonObject CatalogueDatabase::record(const QString &id, const Caller &caller)
 
 CatalogueDatabase::ListPage CatalogueDatabase::list(const ListRequest &request, const Caller &caller)
 {
-    QString where = QStringLiteral("r.kind = '%1' AND u.banned = 0 AND %2")
-                            .arg(request.kind == QLatin1String("qenv") || request.kind == QLatin1String("onnx")
-                                         ? request.kind
-                                         : QStringLiteral("script"),
-                                 accessCondition(caller, false));
+    const QString kind = listedKind(request.kind);
+    QString where = QStringLiteral("r.kind = '%1' AND u.banned = 0 AND %2").arg(kind, accessCondition(caller, false));
     if (!request.subtypes.isEmpty())
         where += QStringLiteral(" AND r.subtype IN (%1)").arg(sqlList(request.subtypes));
     if (!request.search.isEmpty())
@@ -446,7 +444,7 @@ CatalogueDatabase::ListPage CatalogueDatabase::list(const ListRequest &request, 
     if (request.search.isEmpty() && request.sort != QLatin1String("my_liked")
         && (caller.administrator || caller.userId <= 0)) {
         const QList<qint64> &rows
-                = orderedRows(QStringLiteral("FROM resources r %1 WHERE %2 ORDER BY %3").arg(join, where, order));
+                = orderedRows(kind, QStringLiteral("FROM resources r %1 WHERE %2 ORDER BY %3").arg(join, where, order));
         page.total = int(rows.size());
         const qint64 offset = qint64(request.page - 1) * request.limit;
         if (offset >= rows.size())
@@ -516,17 +514,35 @@ void CatalogueDatabase::noticeWrites()
     query.finish();
 }
 
-qint64 CatalogueDatabase::writeCount()
+void CatalogueDatabase::noteKindWrite(const QString &kind)
 {
-    noticeWrites();
-    return writes;
+    QSqlQuery &query = statement(QStringLiteral("SELECT total_changes()"));
+    if (query.exec() && query.next()) {
+        totalChanges = query.value(0).toLongLong();
+        ++kindWrites[kind];
+    }
+    query.finish();
+    listOrders.remove(kind);
 }
 
-const QList<qint64> &CatalogueDatabase::orderedRows(const QString &filter)
+qint64 CatalogueDatabase::writeCount(const QString &kind)
 {
     noticeWrites();
-    auto found = listOrders.find(filter);
-    if (found != listOrders.end())
+    // Both parts only grow, so their sum moves whenever either does.
+    return writes + kindWrites.value(listedKind(kind));
+}
+
+QString CatalogueDatabase::listedKind(const QString &kind)
+{
+    return kind == QLatin1String("qenv") || kind == QLatin1String("onnx") ? kind : QStringLiteral("script");
+}
+
+const QList<qint64> &CatalogueDatabase::orderedRows(const QString &kind, const QString &filter)
+{
+    noticeWrites();
+    QHash<QString, QList<qint64>> &orders = listOrders[kind];
+    auto found = orders.find(filter);
+    if (found != orders.end())
         return *found;
     QList<qint64> rows;
     QSqlQuery &query = statement(QStringLiteral("SELECT r.rowid ") + filter);
@@ -535,7 +551,7 @@ const QList<qint64> &CatalogueDatabase::orderedRows(const QString &filter)
             rows.append(query.value(0).toLongLong());
     }
     query.finish();
-    return *listOrders.insert(filter, rows);
+    return *orders.insert(filter, rows);
 }
 
 QString CatalogueDatabase::findOwnResource(qint64 authorId, const QString &fileName, const QString &kind,
@@ -553,7 +569,6 @@ QString CatalogueDatabase::findOwnResource(qint64 authorId, const QString &fileN
 
 bool CatalogueDatabase::writeResource(const ResourceWrite &write, bool isNew)
 {
-    listOrders.clear();
     QSqlQuery query(database());
     const QString stamp = timestamp(write.created.isValid() ? write.created : QDateTime::currentDateTimeUtc());
     const QString metadata = write.metadata.isEmpty()
@@ -572,8 +587,14 @@ bool CatalogueDatabase::writeResource(const ResourceWrite &write, bool isNew)
               QVariant(write.encrypted ? 1 : 0), text(metadata), text(write.imageType), text(stamp), text(stamp),
               text(QString::fromLatin1(write.sha256.toHex())), text(QString::fromLatin1(write.imageSha256.toHex()))})
             query.addBindValue(value);
-        return query.exec();
+        // A new resource shows in its own kind's lists only; an upload must not cool every other list's cache.
+        noticeWrites();
+        if (!query.exec())
+            return false;
+        noteKindWrite(listedKind(write.kind));
+        return true;
     }
+    listOrders.clear();
     QString sql = QStringLiteral("UPDATE resources SET subtype = ?, name = ?, description = ?, instructions = ?,"
                                  " tags = ?, version = ?, visibility = ?, encrypted = ?, updated = ?");
     if (write.replaceFile)
