@@ -1,6 +1,8 @@
 // Lists a 10,000-resource catalogue page by page through HTTP and prints request rate and latency of the list
 // request, with and without a search term. Client and server share one process and one event loop, as the
 // in-process demo does, so the figures include both sides.
+#include "CatalogueFill.h"
+
 #include <CatalogueDatabase.h>
 #include <CatalogueServer.h>
 
@@ -13,10 +15,8 @@
 #include <QNetworkAccessManager>
 #include <QNetworkProxy>
 #include <QNetworkReply>
-#include <QRandomGenerator>
 #include <QTemporaryDir>
 #include <QTextStream>
-#include <QUuid>
 
 #include <algorithm>
 
@@ -34,32 +34,7 @@ bool fillCatalogue(const QString &directory)
     if (!database.open(&error))
         return false;
     const qint64 authorId = database.signIn(QStringLiteral("123456789012345678"), QStringLiteral("bench"), {}).id;
-    const QStringList words{QStringLiteral("recoil"),  QStringLiteral("sprint"), QStringLiteral("overlay"),
-                            QStringLiteral("tracker"), QStringLiteral("reader"), QStringLiteral("macro"),
-                            QStringLiteral("helper"),  QStringLiteral("trainer")};
-    const QStringList subtypes{QStringLiteral("gpc3"), QStringLiteral("gbc3"), QStringLiteral("python")};
-    QRandomGenerator random(1);
-    const QDateTime now = QDateTime::currentDateTimeUtc();
-    database.transaction();
-    for (int i = 0; i < resourceCount; ++i) {
-        CatalogueDatabase::ResourceWrite write;
-        write.id = QUuid::createUuid().toString(QUuid::WithoutBraces);
-        write.kind = QStringLiteral("script");
-        write.subtype = subtypes.at(i % subtypes.size());
-        const QString word = words.at(int(random.bounded(words.size())));
-        write.name = QStringLiteral("%1 %2").arg(word).arg(i);
-        write.description = QStringLiteral("Benchmark resource number %1, a %2 for testing.").arg(i).arg(word);
-        write.tags = {word, QStringLiteral("bench")};
-        write.visibility = i % 10 == 0 ? QStringLiteral("private") : QStringLiteral("public");
-        write.authorId = authorId;
-        write.fileName = QStringLiteral("bench-%1.gpc3").arg(i);
-        write.fileSize = 100;
-        write.created = now.addSecs(-qint64(random.bounded(365 * 24 * 3600)));
-        if (!database.writeResource(write, true))
-            return false;
-        database.setCounters(write.id, random.bounded(5000), random.bounded(20000));
-    }
-    return database.commit();
+    return CatalogueFill::addScripts(database, authorId, resourceCount);
 }
 
 struct Figures

@@ -365,6 +365,23 @@ ApiResponse CatalogueApi::list(Context &context, const QString &kind)
             return ApiResponse::error(400, QStringLiteral("type must be all, gpc3, gbc3 or py"));
     }
 
+    // Building the JSON of a page costs several times the lookups behind it, so a page that looks the same to every
+    // caller of its kind is built once per state of the catalogue and origin.
+    QString sharedKey;
+    qint64 writes = 0;
+    if (query.search.isEmpty() && query.sort != QLatin1String("my_liked")
+        && (context.caller.administrator || context.caller.userId <= 0)) {
+        writes = database->writeCount(query.kind);
+        sharedKey = QStringList{kind, query.subtypes.join(QLatin1Char(',')), query.sort, QString::number(query.page),
+                                QString::number(query.limit),
+                                context.caller.administrator ? QStringLiteral("administrator") : QString(),
+                                request.origin}
+                            .join(QLatin1Char('\n'));
+        const SharedListPage *cached = sharedListPages.object(sharedKey);
+        if (cached && cached->writes == writes)
+            return ApiResponse::bytes(cached->body, "application/json");
+    }
+
     CatalogueDatabase::ListPage page;
     if (query.sort != QLatin1String("my_liked") || context.user.isValid())
         page = database->list(query, context.caller);
@@ -378,12 +395,16 @@ ApiResponse CatalogueApi::list(Context &context, const QString &kind)
                              : kind == QLatin1String("onnx") ? QStringLiteral("total_weights")
                                                              : QStringLiteral("total_scripts");
     const int totalPages = qMax(1, (page.total + query.limit - 1) / query.limit);
-    return ApiResponse::json({{QStringLiteral("success"), true},
-                              {itemsKey, records},
-                              {QStringLiteral("pagination"), QJsonObject{{QStringLiteral("current_page"), query.page},
-                                                                         {QStringLiteral("total_pages"), totalPages},
-                                                                         {QStringLiteral("per_page"), query.limit},
-                                                                         {totalKey, page.total}}}});
+    ApiResponse response
+            = ApiResponse::json({{QStringLiteral("success"), true},
+                                 {itemsKey, records},
+                                 {QStringLiteral("pagination"), QJsonObject{{QStringLiteral("current_page"), query.page},
+                                                                            {QStringLiteral("total_pages"), totalPages},
+                                                                            {QStringLiteral("per_page"), query.limit},
+                                                                            {totalKey, page.total}}}});
+    if (!sharedKey.isEmpty())
+        sharedListPages.insert(sharedKey, new SharedListPage{response.body, writes}, response.body.size());
+    return response;
 }
 
 ApiResponse CatalogueApi::findVisible(Context &context, const QString &kind, const QString &id,

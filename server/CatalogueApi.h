@@ -6,6 +6,8 @@
 #include "FileDigests.h"
 #include "ImageLinkSigner.h"
 
+#include <QByteArray>
+#include <QCache>
 #include <QJsonObject>
 #include <QSet>
 #include <QString>
@@ -90,6 +92,14 @@ private:
     Settings settings;
     FileDigests digests;
     ImageLinkSigner imageLinks;
+    // A list answer that every anonymous caller (or every administrator) gets alike, and the write count of its kind
+    // it was built at.
+    struct SharedListPage
+    {
+        QByteArray body;
+        qint64 writes = 0;
+    };
+    QCache<QString, SharedListPage> sharedListPages{16 * 1024 * 1024};
 };
 
 } // namespace Quorix

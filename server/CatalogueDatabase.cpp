@@ -148,6 +148,7 @@ CatalogueDatabase::CatalogueDatabase(const QString &path)
 
 CatalogueDatabase::~CatalogueDatabase()
 {
+    statements.clear();
     if (QSqlDatabase::contains(connectionName)) {
         {
             QSqlDatabase db = QSqlDatabase::database(connectionName, false);
@@ -224,6 +225,9 @@ bool CatalogueDatabase::commit()
 
 void CatalogueDatabase::rollback()
 {
+    // A rolled-back write may have cleared the caches already, but a list read inside the transaction saw it.
+    listOrders.clear();
+    ++writes;
     database().rollback();
 }
 
@@ -325,6 +329,7 @@ QString CatalogueDatabase::createSession(qint64 userId)
 
 bool CatalogueDatabase::setBanned(const QString &discordId, bool banned, const QString &reason)
 {
+    listOrders.clear();
     QSqlQuery query(database());
     query.prepare(QStringLiteral("INSERT INTO users (discord_id, banned, ban_reason, created) VALUES (?, ?, ?, ?)"
                                  " ON CONFLICT (discord_id) DO UPDATE SET banned = excluded.banned,"
@@ -412,11 +417,8 @@ QJsonObject CatalogueDatabase::record(const QString &id, const Caller &caller)
 
 CatalogueDatabase::ListPage CatalogueDatabase::list(const ListRequest &request, const Caller &caller)
 {
-    QString where = QStringLiteral("r.kind = '%1' AND u.banned = 0 AND %2")
-                            .arg(request.kind == QLatin1String("qenv") || request.kind == QLatin1String("onnx")
-                                         ? request.kind
-                                         : QStringLiteral("script"),
-                                 accessCondition(caller, false));
+    const QString kind = listedKind(request.kind);
+    QString where = QStringLiteral("r.kind = '%1' AND u.banned = 0 AND %2").arg(kind, accessCondition(caller, false));
     if (!request.subtypes.isEmpty())
         where += QStringLiteral(" AND r.subtype IN (%1)").arg(sqlList(request.subtypes));
     if (!request.search.isEmpty())
@@ -437,6 +439,31 @@ CatalogueDatabase::ListPage CatalogueDatabase::list(const ListRequest &request, 
     }
 
     ListPage page;
+    // Anonymous and administrator callers see the same rows whoever they are, so their order outlives the request and
+    // a page costs a slice and a few key lookups instead of counting and skipping through the whole kind.
+    if (request.search.isEmpty() && request.sort != QLatin1String("my_liked")
+        && (caller.administrator || caller.userId <= 0)) {
+        const QList<qint64> &rows
+                = orderedRows(kind, QStringLiteral("FROM resources r %1 WHERE %2 ORDER BY %3").arg(join, where, order));
+        page.total = int(rows.size());
+        const qint64 offset = qint64(request.page - 1) * request.limit;
+        if (offset >= rows.size())
+            return page;
+        QStringList ids;
+        for (const qint64 row : rows.mid(offset, request.limit))
+            ids.append(QString::number(row));
+        QSqlQuery &query = statement(QStringLiteral("SELECT %1, %2 FROM json_each(?) j JOIN resources r ON r.rowid ="
+                                                    " j.value JOIN users u ON u.id = r.author_id ORDER BY j.key")
+                                             .arg(recordColumns, accessCondition(caller, true)));
+        query.bindValue(0, QLatin1Char('[') + ids.join(QLatin1Char(',')) + QLatin1Char(']'));
+        if (query.exec()) {
+            while (query.next())
+                page.records.append(recordFromRow(query, query.value(22).toBool()));
+        }
+        query.finish();
+        return page;
+    }
+
     QSqlQuery count(database());
     count.prepare(QStringLiteral("SELECT COUNT(*) FROM resources r %1 WHERE %2").arg(join, where));
     if (!request.search.isEmpty())
@@ -456,6 +483,75 @@ CatalogueDatabase::ListPage CatalogueDatabase::list(const ListRequest &request, 
             page.records.append(recordFromRow(query, query.value(22).toBool()));
     }
     return page;
+}
+
+QSqlQuery &CatalogueDatabase::statement(const QString &sql)
+{
+    auto found = statements.find(sql);
+    if (found == statements.end()) {
+        QSqlQuery query(database());
+        // Forward-only keeps QtSql from caching every row the statement returns.
+        query.setForwardOnly(true);
+        query.prepare(sql);
+        found = statements.insert(sql, query);
+    }
+    return *found;
+}
+
+void CatalogueDatabase::noticeWrites()
+{
+    QSqlQuery &query = statement(QStringLiteral("SELECT total_changes(), data_version FROM pragma_data_version"));
+    if (query.exec() && query.next()) {
+        const qint64 changes = query.value(0).toLongLong();
+        const qint64 version = query.value(1).toLongLong();
+        if (version != dataVersion)
+            listOrders.clear();
+        if (changes != totalChanges || version != dataVersion)
+            ++writes;
+        totalChanges = changes;
+        dataVersion = version;
+    }
+    query.finish();
+}
+
+void CatalogueDatabase::noteKindWrite(const QString &kind)
+{
+    QSqlQuery &query = statement(QStringLiteral("SELECT total_changes()"));
+    if (query.exec() && query.next()) {
+        totalChanges = query.value(0).toLongLong();
+        ++kindWrites[kind];
+    }
+    query.finish();
+    listOrders.remove(kind);
+}
+
+qint64 CatalogueDatabase::writeCount(const QString &kind)
+{
+    noticeWrites();
+    // Both parts only grow, so their sum moves whenever either does.
+    return writes + kindWrites.value(listedKind(kind));
+}
+
+QString CatalogueDatabase::listedKind(const QString &kind)
+{
+    return kind == QLatin1String("qenv") || kind == QLatin1String("onnx") ? kind : QStringLiteral("script");
+}
+
+const QList<qint64> &CatalogueDatabase::orderedRows(const QString &kind, const QString &filter)
+{
+    noticeWrites();
+    QHash<QString, QList<qint64>> &orders = listOrders[kind];
+    auto found = orders.find(filter);
+    if (found != orders.end())
+        return *found;
+    QList<qint64> rows;
+    QSqlQuery &query = statement(QStringLiteral("SELECT r.rowid ") + filter);
+    if (query.exec()) {
+        while (query.next())
+            rows.append(query.value(0).toLongLong());
+    }
+    query.finish();
+    return *orders.insert(filter, rows);
 }
 
 QString CatalogueDatabase::findOwnResource(qint64 authorId, const QString &fileName, const QString &kind,
@@ -491,8 +587,14 @@ bool CatalogueDatabase::writeResource(const ResourceWrite &write, bool isNew)
               QVariant(write.encrypted ? 1 : 0), text(metadata), text(write.imageType), text(stamp), text(stamp),
               text(QString::fromLatin1(write.sha256.toHex())), text(QString::fromLatin1(write.imageSha256.toHex()))})
             query.addBindValue(value);
-        return query.exec();
+        // A new resource shows in its own kind's lists only; an upload must not cool every other list's cache.
+        noticeWrites();
+        if (!query.exec())
+            return false;
+        noteKindWrite(listedKind(write.kind));
+        return true;
     }
+    listOrders.clear();
     QString sql = QStringLiteral("UPDATE resources SET subtype = ?, name = ?, description = ?, instructions = ?,"
                                  " tags = ?, version = ?, visibility = ?, encrypted = ?, updated = ?");
     if (write.replaceFile)
@@ -522,6 +624,7 @@ bool CatalogueDatabase::writeResource(const ResourceWrite &write, bool isNew)
 
 bool CatalogueDatabase::deleteResource(const QString &id)
 {
+    listOrders.clear();
     QSqlQuery query(database());
     for (const QString &table : {QStringLiteral("likes"), QStringLiteral("authorizations")}) {
         query.prepare(QStringLiteral("DELETE FROM %1 WHERE resource_id = ?").arg(table));
@@ -561,6 +664,7 @@ int CatalogueDatabase::resourceCount()
 
 void CatalogueDatabase::setCounters(const QString &id, qint64 downloads, qint64 views)
 {
+    listOrders.clear();
     QSqlQuery query(database());
     query.prepare(QStringLiteral("UPDATE resources SET downloads = ?, views = ? WHERE id = ?"));
     query.addBindValue(downloads);
@@ -571,6 +675,7 @@ void CatalogueDatabase::setCounters(const QString &id, qint64 downloads, qint64 
 
 void CatalogueDatabase::countDownload(const QString &id, const Caller &caller)
 {
+    listOrders.clear();
     QSqlQuery query(database());
     query.prepare(QStringLiteral("UPDATE resources SET downloads = downloads + 1 WHERE id = ?"));
     query.addBindValue(id);
@@ -586,6 +691,7 @@ void CatalogueDatabase::countDownload(const QString &id, const Caller &caller)
 
 bool CatalogueDatabase::toggleLike(const QString &id, qint64 userId, bool *liked, int *likeCount)
 {
+    listOrders.clear();
     QSqlDatabase db = database();
     // Joins a transaction already open (the demo seeding) instead of nesting one.
     const bool ownTransaction = db.transaction();

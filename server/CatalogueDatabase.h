@@ -1,9 +1,11 @@
 #pragma once
 
 #include <QDateTime>
+#include <QHash>
 #include <QJsonArray>
 #include <QJsonObject>
 #include <QSqlDatabase>
+#include <QSqlQuery>
 #include <QString>
 #include <QStringList>
 
@@ -133,6 +135,11 @@ public:
     // Toggles the caller's like; returns the new state and count through the pointers.
     bool toggleLike(const QString &id, qint64 userId, bool *liked, int *likeCount);
     QStringList likedIds(const Caller &caller);
+    // A number that moves after any write that can change what the lists of a kind show, so that answers built from
+    // them can be kept until then.
+    qint64 writeCount(const QString &kind);
+    // The kind a list of the given kind shows: script, unless qenv or onnx.
+    static QString listedKind(const QString &kind);
 
     GrantOutcome grant(const QString &resourceId, const QString &discordId, const QString &notes,
                        const QString &expiresAt, QString *code);
@@ -147,9 +154,29 @@ private:
     QSqlDatabase database() const;
     bool migrate(QString *error);
     QString accessCondition(const Caller &caller, bool forDownload) const;
+    // Prepared once per connection and kept, for the statements every list request runs.
+    QSqlQuery &statement(const QString &sql);
+    // The row ids a filter selects, in its order, from the cache or the database.
+    const QList<qint64> &orderedRows(const QString &kind, const QString &filter);
+    // Counts a write on this connection or a commit through another (a tool, a second server), and drops the cached
+    // orders after the latter.
+    void noticeWrites();
+    // Accounts for the changes of a write that only adds a resource of one kind, so that the other kinds' lists keep
+    // their caches. noticeWrites() must have run just before the write, or earlier changes would be accounted too.
+    void noteKindWrite(const QString &kind);
 
     QString path;
     QString connectionName;
+    QHash<QString, QSqlQuery> statements;
+    // Which rows a caller-independent filter lists and in what order, by kind and then by the filter's SQL. Every
+    // write that can change membership or order (resources, likes, bans, download counts) clears it, or the kind's
+    // part when the write is confined to one kind; views and names do not count.
+    QHash<QString, QHash<QString, QList<qint64>>> listOrders;
+    qint64 dataVersion = -1;
+    qint64 totalChanges = -1;
+    // Writes that may concern every kind, and writes confined to one kind.
+    qint64 writes = 0;
+    QHash<QString, qint64> kindWrites;
 };
 
 } // namespace Quorix

@@ -3,6 +3,7 @@
 #include "HttpTransport.h"
 
 #include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/core/tcp_stream.hpp>
 #include <boost/beast/http/buffer_body.hpp>
@@ -12,7 +13,6 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <vector>
 
 namespace Quorix {
 
@@ -42,6 +42,7 @@ private:
     void respondWithFile(const ApiResponse &response);
     void writeHead(std::string head, std::string body);
     void streamFile();
+    void awaitWritable();
     void onResponseWritten();
     // Answers and closes, reading (and dropping) what the client still sends for a moment so that it sees the answer.
     void refuse(int status, const QString &message);
@@ -64,7 +65,8 @@ private:
     int fileDescriptor = -1;
     qint64 fileOffset = 0;
     qint64 fileRemaining = 0;
-    std::vector<char> fileBuffer;
+    // The deadline of each wait for room in the socket while a file goes out through sendfile.
+    boost::asio::steady_timer fileDeadline;
 };
 
 } // namespace Quorix

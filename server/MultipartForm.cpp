@@ -1,5 +1,7 @@
 #include "MultipartForm.h"
 
+#include "Sha256.h"
+
 #include <QFile>
 #include <QRegularExpression>
 #include <QUuid>
@@ -203,7 +205,7 @@ bool MultipartForm::startPart(const QByteArray &headerBlock)
         current.stagedPath.clear();
         return fail(507, QStringLiteral("Cannot store the upload"));
     }
-    hash = std::make_unique<QCryptographicHash>(QCryptographicHash::Sha256);
+    hash = std::make_unique<Sha256>();
     return true;
 }
 

@@ -1,13 +1,14 @@
 #pragma once
 
 #include <QByteArray>
-#include <QCryptographicHash>
 #include <QList>
 #include <QString>
 
 #include <memory>
 
 namespace Quorix {
+
+class Sha256;
 
 // A multipart/form-data body read as it arrives: text fields stay in memory, file parts go straight to staging files
 // under the staging folder and are hashed on the way, so an upload costs a buffer, not its size. Staged files that
@@ -83,7 +84,7 @@ private:
     qint64 currentLimit = 0;
     qint64 textBytes = 0;
     int fileDescriptor = -1;
-    std::unique_ptr<QCryptographicHash> hash;
+    std::unique_ptr<Sha256> hash;
     int failureStatus = 0;
     QString failure;
 };
