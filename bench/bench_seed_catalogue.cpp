@@ -7,9 +7,9 @@
 
 #include <CatalogueDatabase.h>
 #include <ResourceFiles.h>
+#include <Sha256.h>
 
 #include <QCoreApplication>
-#include <QCryptographicHash>
 #include <QFile>
 #include <QStringList>
 #include <QTextStream>
@@ -21,15 +21,6 @@ namespace {
 
 constexpr int scriptCount = 10000;
 constexpr qint64 defaultWeightsBytes = 500LL * 1024 * 1024;
-
-QByteArray sha256Of(const QString &path)
-{
-    QFile file(path);
-    QCryptographicHash hash(QCryptographicHash::Sha256);
-    if (!file.open(QIODevice::ReadOnly) || !hash.addData(&file))
-        return {};
-    return hash.result();
-}
 
 } // namespace
 
@@ -83,7 +74,7 @@ int main(int argc, char *argv[])
     weights.authorId = authorId;
     weights.fileName = QStringLiteral("load-bench.onnx");
     weights.fileSize = QFile(path).size();
-    weights.sha256 = sha256Of(path);
+    weights.sha256 = Sha256::ofFile(path);
     const QString token = database.createSession(authorId);
     if (weights.sha256.isEmpty() || !database.writeResource(weights, true) || token.isEmpty()) {
         err << "bench_seed_catalogue: cannot record the weights\n";

@@ -1,7 +1,7 @@
 #include "FileDigests.h"
 
-#include <QCryptographicHash>
-#include <QFile>
+#include "Sha256.h"
+
 #include <QFileInfo>
 
 namespace Quorix {
@@ -13,13 +13,10 @@ QByteArray FileDigests::reprDigest(const QString &path)
     if (cached != cache.cend() && cached->size == info.size() && cached->modified == info.lastModified())
         return cached->value;
 
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
+    const QByteArray digest = Sha256::ofFile(path);
+    if (digest.isEmpty())
         return {};
-    QCryptographicHash hash(QCryptographicHash::Sha256);
-    if (!hash.addData(&file))
-        return {};
-    const QByteArray value = "sha-256=:" + hash.result().toBase64() + ':';
+    const QByteArray value = "sha-256=:" + digest.toBase64() + ':';
     cache.insert(path, Entry{info.size(), info.lastModified(), value});
     return value;
 }

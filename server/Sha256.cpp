@@ -1,5 +1,7 @@
 #include "Sha256.h"
 
+#include <QFile>
+
 #include <openssl/evp.h>
 
 namespace Quorix {
@@ -13,6 +15,23 @@ Sha256::Sha256()
 Sha256::~Sha256()
 {
     EVP_MD_CTX_free(context);
+}
+
+QByteArray Sha256::ofFile(const QString &path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return {};
+    Sha256 hash;
+    QByteArray chunk(1 << 20, Qt::Uninitialized);
+    for (;;) {
+        const qint64 read = file.read(chunk.data(), chunk.size());
+        if (read < 0)
+            return {};
+        if (read == 0)
+            return hash.result();
+        hash.addData(QByteArrayView(chunk.constData(), read));
+    }
 }
 
 void Sha256::addData(QByteArrayView data)

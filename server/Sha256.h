@@ -2,6 +2,7 @@
 
 #include <QByteArray>
 #include <QByteArrayView>
+#include <QString>
 
 typedef struct evp_md_ctx_st EVP_MD_CTX;
 
@@ -18,6 +19,9 @@ public:
 
     Sha256(const Sha256 &) = delete;
     Sha256 &operator=(const Sha256 &) = delete;
+
+    // The raw digest of a file's bytes, or empty when it cannot be read.
+    static QByteArray ofFile(const QString &path);
 
     void addData(QByteArrayView data);
     // The raw 32-byte digest; the hash takes no more data afterwards.

@@ -2,8 +2,8 @@
 
 #include "CatalogueDatabase.h"
 #include "ResourceFiles.h"
+#include "Sha256.h"
 
-#include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
 #include <QSet>
@@ -13,15 +13,6 @@
 namespace Quorix {
 
 namespace {
-
-QByteArray sha256Of(const QString &path)
-{
-    QFile file(path);
-    QCryptographicHash hash(QCryptographicHash::Sha256);
-    if (!file.open(QIODevice::ReadOnly) || !hash.addData(&file))
-        return {};
-    return hash.result();
-}
 
 bool replace(const QString &staged, const QString &live)
 {
@@ -65,7 +56,7 @@ void StorageReconciliation::settleStagedFiles()
         const QString id = name.chopped(suffix.size());
         const CatalogueDatabase::Resource resource = database->resource(id);
         const QString staged = folder.filePath(name);
-        if (resource.isValid() && !resource.sha256.isEmpty() && sha256Of(staged) == resource.sha256
+        if (resource.isValid() && !resource.sha256.isEmpty() && Sha256::ofFile(staged) == resource.sha256
             && replace(staged, files.resourceFile(id))) {
             actions.append(QStringLiteral("finished the file of %1").arg(id));
         } else {
@@ -87,7 +78,7 @@ void StorageReconciliation::settleStagedImages()
         const CatalogueDatabase::Resource resource = database->resource(id);
         const QString header = folder.filePath(name);
         const QString thumbnail = files.thumbnailImage(id) + suffix;
-        if (resource.isValid() && !resource.imageSha256.isEmpty() && sha256Of(header) == resource.imageSha256
+        if (resource.isValid() && !resource.imageSha256.isEmpty() && Sha256::ofFile(header) == resource.imageSha256
             && (!QFile::exists(thumbnail) || replace(thumbnail, files.thumbnailImage(id)))
             && replace(header, files.headerImage(id))) {
             actions.append(QStringLiteral("finished the images of %1").arg(id));
