@@ -105,6 +105,29 @@ private slots:
         server.reset();
     }
 
+    void shortNameOrDescriptionHoldsUploadBack_data()
+    {
+        QTest::addColumn<QString>("name");
+        QTest::addColumn<QString>("description");
+        QTest::addColumn<QString>("status");
+        QTest::newRow("three characters") << "Aim" << "Ten chars." << "Ready to upload";
+        QTest::newRow("two characters") << "Ai" << "Ten chars." << "Name must be at least 3 characters";
+        QTest::newRow("spaces do not count") << "  Ai  " << "Ten chars." << "Name must be at least 3 characters";
+        QTest::newRow("nine characters of description") << "Aim" << "Nine char" << "Description must be at least 10 characters";
+    }
+
+    void shortNameOrDescriptionHoldsUploadBack()
+    {
+        QFETCH(QString, name);
+        QFETCH(QString, description);
+        QFETCH(QString, status);
+        auto form = makeForm(writeFile("gate.gpc3", "main {}"));
+        child<QLineEdit>(form.get(), "nameEdit")->setText(name);
+        child<QTextEdit>(form.get(), "descriptionEdit")->setPlainText(description);
+        QCOMPARE(child<QLabel>(form.get(), "statusLabel")->text(), status);
+        QCOMPARE(child(form.get(), "uploadButton")->isEnabled(), status == QLatin1String("Ready to upload"));
+    }
+
     void tagsAreNormalisedOnTheWire_data()
     {
         QTest::addColumn<QString>("typed");
