@@ -12,10 +12,13 @@
 #include <boost/beast/http/status.hpp>
 
 #include <cerrno>
+#include <algorithm>
 #include <fcntl.h>
-#include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#ifdef __linux__
+#include <sys/sendfile.h>
+#endif
 
 namespace Quorix {
 
@@ -29,6 +32,24 @@ namespace {
 // the other connections of the thread get their turn.
 constexpr std::size_t fileChunkBytes = 4 * 1024 * 1024;
 constexpr auto lingerTime = std::chrono::seconds(2);
+
+// Linux hands the page cache to the socket. Elsewhere a piece goes through a small buffer, and what the socket did not
+// take is read again next time. Either way errno says why nothing went out.
+ssize_t sendFilePiece(int socket, int file, off_t *offset, std::size_t count)
+{
+#ifdef __linux__
+    return ::sendfile(socket, file, offset, count);
+#else
+    char buffer[64 * 1024];
+    const ssize_t got = ::pread(file, buffer, std::min(count, sizeof buffer), *offset);
+    if (got <= 0)
+        return got;
+    const ssize_t sent = ::write(socket, buffer, std::size_t(got));
+    if (sent > 0)
+        *offset += sent;
+    return sent;
+#endif
+}
 
 std::string statusLine(int status)
 {
@@ -314,14 +335,14 @@ void HttpSession::streamFile()
         fileDescriptor = -1;
         return onResponseWritten();
     }
-    // sendfile hands the page cache to the socket: no copy through our memory, and a slow reader costs no buffer.
+    // No copy through our memory where the system allows it, and a slow reader never holds a buffer.
     beast::error_code error;
     stream.socket().native_non_blocking(true, error);
     if (error)
         return close();
     off_t offset = off_t(fileOffset);
-    const ssize_t sent = ::sendfile(stream.socket().native_handle(), fileDescriptor, &offset,
-                                    std::size_t(qMin<qint64>(fileRemaining, fileChunkBytes)));
+    const ssize_t sent = sendFilePiece(stream.socket().native_handle(), fileDescriptor, &offset,
+                                       std::size_t(qMin<qint64>(fileRemaining, fileChunkBytes)));
     if (sent < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR))
         return awaitWritable();
     // A file that shrank under us cannot honour its Content-Length any more; the client must see a cut.
