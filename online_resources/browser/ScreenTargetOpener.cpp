@@ -158,6 +158,9 @@ bool ScreenTargetOpener::focusGrid(const QString &argument)
     connect(poll, &QTimer::timeout, this, [poll, grid, index, attempts = 100]() mutable {
         if (grid->items()->count() <= index && --attempts > 0)
             return;
+        // Without a window manager (a bare X server) nothing else makes the window active, and only an active
+        // window shows keyboard focus.
+        grid->window()->activateWindow();
         grid->setFocus(Qt::TabFocusReason);
         grid->setCurrentIndex(index);
         poll->deleteLater();
