@@ -128,8 +128,7 @@ QAccessible::State CardItemAccessible::state() const
     state.selectable = true;
     state.focused = isCurrent && view->hasFocus();
     state.selected = isCurrent;
-    state.offscreen = !view->cardAt(position) || !view->visibleRegion().intersects(
-                                                         QRect(view->mapFromGlobal(rect().topLeft()), rect().size()));
+    state.offscreen = !view->cardAt(position) || !view->visibleRegion().intersects(view->itemRect(position));
     return state;
 }
 
