@@ -339,6 +339,7 @@ void AccessibleNamesTest::gridItemsReadAndOpenAsResources()
                          && description.contains(QStringLiteral("%1 downloads").arg(record.value(QStringLiteral("downloads")).toInt())),
                  qPrintable(description));
         QVERIFY(item->state().focusable);
+        QCOMPARE(bool(item->state().offscreen), index == last);
     }
     QAccessibleInterface *item = list->child(last);
     item->actionInterface()->doAction(QAccessibleActionInterface::pressAction());
