@@ -216,8 +216,9 @@ private Q_SLOTS:
             idle.last()->connectToHost(QHostAddress::LocalHost, server.port());
             QVERIFY(idle.last()->waitForConnected(5000));
         }
-        QCOMPARE(statusLine(server.exchange(request("GET", "", {}), 3000)),
-                 QByteArray("HTTP/1.1 503 Service Unavailable"));
+        // A socket is connected as soon as the kernel queues it; the server counts it only once it has accepted it.
+        QTRY_COMPARE_WITH_TIMEOUT(statusLine(server.exchange(request("GET", "", {}), 3000)),
+                                  QByteArray("HTTP/1.1 503 Service Unavailable"), 10000);
         qDeleteAll(idle);
         QTRY_COMPARE_WITH_TIMEOUT(statusLine(server.exchange(request("GET", "", {}), 3000)),
                                   QByteArray("HTTP/1.1 200 OK"), 10000);
