@@ -1,6 +1,5 @@
 #include <CatalogueServerFixture.h>
 
-#include <QCryptographicHash>
 #include <QDir>
 #include <QImage>
 #include <QJsonArray>
@@ -12,368 +11,233 @@
 
 using Quorix::Testing::CatalogueServerFixture;
 
-namespace {
-
-const QString authorId = QStringLiteral("111111111111111111");
-const QString fanId = QStringLiteral("222222222222222222");
-
-QString idOf(const CatalogueServerFixture::Reply &reply)
-{
-    return reply.json.value(QStringLiteral("data")).toObject().value(QStringLiteral("id")).toString();
-}
-
-QStringList namesOf(const QJsonArray &records)
-{
-    QStringList names;
-    for (const QJsonValue &record : records)
-        names.append(record.toObject().value(QStringLiteral("name")).toString());
-    return names;
-}
-
-QByteArray pngBytes(int width, int height)
-{
-    QImage image(width, height, QImage::Format_RGB32);
-    image.fill(Qt::darkCyan);
-    QByteArray bytes;
-    QBuffer buffer(&bytes);
-    buffer.open(QIODevice::WriteOnly);
-    image.save(&buffer, "PNG");
-    return bytes;
-}
-
-} // namespace
+static const QString authorId = "111111111111111111";
 
 // Listing, searching, likes, uploads and downloads as a client sees them on the wire.
 class CatalogueServerCatalogueTest : public QObject
 {
     Q_OBJECT
 
+    CatalogueServerFixture server;
+    QString author;
+    QString fan;
+    QStringList ids;
+
+    CatalogueServerFixture::Reply check(const QString &name, const QString &type, const QString &token)
+    {
+        return server.postJson("check-existing", {{"name", name}, {"script_type", type}}, token);
+    }
+    CatalogueServerFixture::Reply like(const QString &id, const QString &token)
+    {
+        return server.post("like/" + id, {}, token, {{"Content-Type", "application/json"}});
+    }
+
 private Q_SLOTS:
     void initTestCase()
     {
         QVERIFY2(server.start(), qPrintable(server.error()));
-        author = server.signIn(authorId, QStringLiteral("author"), QStringLiteral("The Author"));
-        fan = server.signIn(fanId, QStringLiteral("fan"));
+        author = server.signIn(authorId, "author", "The Author");
+        fan = server.signIn("222222222222222222", "fan");
         QVERIFY(!author.isEmpty() && !fan.isEmpty());
-        const QStringList files{QStringLiteral("alpha.gpc3"), QStringLiteral("bravo.gbc3"),
-                                QStringLiteral("charlie.py"), QStringLiteral("delta.gpc3"), QStringLiteral("echo.py")};
-        for (const QString &file : files) {
+        for (const QString file : {"alpha.gpc3", "bravo.gbc3", "charlie.py", "delta.gpc3", "echo.py"}) {
             const auto reply = server.uploadScript(author, file, "content of " + file.toUtf8());
             QCOMPARE(reply.status, 200);
-            ids.append(idOf(reply));
+            ids.append(reply.text("data/id"));
         }
     }
 
     void listPagesCarryPaginationAndRecordKeys()
     {
-        const auto first = server.get(QStringLiteral("?page=1&limit=2&sort=oldest"));
+        const auto first = server.get("?page=1&limit=2&sort=oldest");
         QCOMPARE(first.status, 200);
-        QCOMPARE(first.json.value(QStringLiteral("success")).toBool(), true);
-        const QJsonObject pagination = first.json.value(QStringLiteral("pagination")).toObject();
-        QCOMPARE(pagination.value(QStringLiteral("current_page")).toInt(), 1);
-        QCOMPARE(pagination.value(QStringLiteral("total_pages")).toInt(), 3);
-        QCOMPARE(pagination.value(QStringLiteral("total_scripts")).toInt(), 5);
-        const QJsonArray scripts = first.json.value(QStringLiteral("scripts")).toArray();
-        QCOMPARE(scripts.size(), 2);
-        const QJsonObject record = scripts.first().toObject();
-        QCOMPARE(record.value(QStringLiteral("id")).toString(), ids.first());
-        QCOMPARE(record.value(QStringLiteral("type")).toString(), QStringLiteral("gpc3"));
-        QCOMPARE(record.value(QStringLiteral("tags")).toArray(),
-                 QJsonArray({QStringLiteral("test"), QStringLiteral("upload")}));
-        QCOMPARE(record.value(QStringLiteral("version")).toDouble(), 1.0);
-        QCOMPARE(record.value(QStringLiteral("visibility_type")).toString(), QStringLiteral("public"));
-        QCOMPARE(record.value(QStringLiteral("can_download")).toBool(), true);
-        QVERIFY(QDateTime::fromString(record.value(QStringLiteral("created")).toString(), Qt::ISODate).isValid());
-        const QJsonObject authorRecord = record.value(QStringLiteral("author")).toObject();
-        QCOMPARE(authorRecord.value(QStringLiteral("discord_id")).toString(), authorId);
-        QCOMPARE(authorRecord.value(QStringLiteral("username")).toString(), QStringLiteral("author"));
-        QCOMPARE(authorRecord.value(QStringLiteral("name")).toString(), QStringLiteral("The Author"));
+        QCOMPARE(first.texts({"success", "pagination/current_page", "pagination/total_pages",
+                              "pagination/total_scripts"}),
+                 "true 1 3 5");
+        QCOMPARE(first.column("scripts", "id"), ids.mid(0, 2));
+        const QJsonObject record = first.at("scripts/0").toObject();
+        QCOMPARE(record.value("type").toString(), "gpc3");
+        QCOMPARE(record.value("tags").toArray(), QJsonArray({"test", "upload"}));
+        QCOMPARE(record.value("version").toDouble(), 1.0);
+        QCOMPARE(record.value("visibility_type").toString(), "public");
+        QCOMPARE(record.value("can_download").toBool(), true);
+        QVERIFY(QDateTime::fromString(record.value("created").toString(), Qt::ISODate).isValid());
+        QCOMPARE(first.texts({"scripts/0/author/discord_id", "scripts/0/author/username", "scripts/0/author/name"}),
+                 authorId + " author The Author");
 
-        const auto last = server.get(QStringLiteral("?page=3&limit=2&sort=oldest"));
-        QCOMPARE(last.json.value(QStringLiteral("scripts")).toArray().size(), 1);
-        QCOMPARE(last.json.value(QStringLiteral("pagination")).toObject().value(QStringLiteral("current_page")).toInt(),
-                 3);
+        const auto last = server.get("?page=3&limit=2&sort=oldest");
+        QCOMPARE(last.column("scripts", "id"), ids.mid(4));
+        QCOMPARE(last.text("pagination/current_page"), "3");
     }
 
-    void typeFilterSelectsSubtypes_data()
+    void listsFilterAndSearch_data()
     {
-        QTest::addColumn<QString>("type");
+        QTest::addColumn<QString>("query");
         QTest::addColumn<QStringList>("names");
-        QTest::newRow("all") << QStringLiteral("all")
-                             << QStringList{QStringLiteral("Script alpha.gpc3"), QStringLiteral("Script bravo.gbc3"),
-                                            QStringLiteral("Script charlie.py"), QStringLiteral("Script delta.gpc3"),
-                                            QStringLiteral("Script echo.py")};
-        QTest::newRow("gpc3 covers gbc3")
-                << QStringLiteral("gpc3")
-                << QStringList{QStringLiteral("Script alpha.gpc3"), QStringLiteral("Script bravo.gbc3"),
-                               QStringLiteral("Script delta.gpc3")};
-        QTest::newRow("py") << QStringLiteral("py")
-                            << QStringList{QStringLiteral("Script charlie.py"), QStringLiteral("Script echo.py")};
-    }
-
-    void typeFilterSelectsSubtypes()
-    {
-        QFETCH(QString, type);
-        QFETCH(QStringList, names);
-        const auto reply = server.get(QStringLiteral("?sort=oldest&type=") + type);
-        QCOMPARE(namesOf(reply.json.value(QStringLiteral("scripts")).toArray()), names);
-    }
-
-    void searchMatchesNameDescriptionAndTags()
-    {
-        QCOMPARE(namesOf(server.get(QStringLiteral("?search=CHARLIE")).json.value(QStringLiteral("scripts")).toArray()),
-                 QStringList{QStringLiteral("Script charlie.py")});
-        QCOMPARE(server.get(QStringLiteral("?search=uploaded%20by"))
-                         .json.value(QStringLiteral("pagination"))
-                         .toObject()
-                         .value(QStringLiteral("total_scripts"))
-                         .toInt(),
-                 5);
-        QCOMPARE(server.get(QStringLiteral("?search=upload")).json.value(QStringLiteral("scripts")).toArray().size(),
-                 5);
+        const QString a = "Script alpha.gpc3", b = "Script bravo.gbc3", c = "Script charlie.py";
+        const QString d = "Script delta.gpc3", e = "Script echo.py";
+        QTest::newRow("all") << "type=all" << QStringList{a, b, c, d, e};
+        QTest::newRow("gpc3 covers gbc3") << "type=gpc3" << QStringList{a, b, d};
+        QTest::newRow("py") << "type=py" << QStringList{c, e};
+        QTest::newRow("name in any case") << "search=CHARLIE" << QStringList{c};
+        QTest::newRow("description") << "search=uploaded%20by" << QStringList{a, b, c, d, e};
+        QTest::newRow("tags") << "search=upload" << QStringList{a, b, c, d, e};
         // LIKE wildcards in the search text are literal characters.
-        QCOMPARE(server.get(QStringLiteral("?search=%25")).json.value(QStringLiteral("scripts")).toArray().size(), 0);
-        QCOMPARE(server.get(QStringLiteral("?search=nothing-matches"))
-                         .json.value(QStringLiteral("pagination"))
-                         .toObject()
-                         .value(QStringLiteral("total_scripts"))
-                         .toInt(),
-                 0);
+        QTest::newRow("wildcard") << "search=%25" << QStringList();
+        QTest::newRow("nothing") << "search=nothing-matches" << QStringList();
+    }
+
+    void listsFilterAndSearch()
+    {
+        QFETCH(QString, query);
+        QFETCH(QStringList, names);
+        const auto reply = server.get("?sort=oldest&" + query);
+        QCOMPARE(reply.column("scripts", "name"), names);
+        QCOMPARE(reply.text("pagination/total_scripts"), QString::number(names.size()));
     }
 
     void likesToggleAndOrderPopularAndMyLiked()
     {
         const QString target = ids.at(3);
-        auto like = server.post(QStringLiteral("like/") + target, {}, fan, {{"Content-Type", "application/json"}});
-        QCOMPARE(like.status, 200);
-        QCOMPARE(like.json.value(QStringLiteral("data")).toObject().value(QStringLiteral("liked")).toBool(), true);
-        QCOMPARE(like.json.value(QStringLiteral("data")).toObject().value(QStringLiteral("like_count")).toInt(), 1);
-        like = server.post(QStringLiteral("like/") + target, {}, author, {{"Content-Type", "application/json"}});
-        QCOMPARE(like.json.value(QStringLiteral("data")).toObject().value(QStringLiteral("like_count")).toInt(), 2);
+        QCOMPARE(like(target, fan).texts({"data/liked", "data/like_count"}), "true 1");
+        QCOMPARE(like(target, author).text("data/like_count"), "2");
 
-        const auto popular = server.get(QStringLiteral("?sort=popular"));
-        const QJsonObject top = popular.json.value(QStringLiteral("scripts")).toArray().first().toObject();
-        QCOMPARE(top.value(QStringLiteral("id")).toString(), target);
-        QCOMPARE(top.value(QStringLiteral("likes")).toInt(), 2);
+        const auto popular = server.get("?sort=popular");
+        QCOMPARE(popular.texts({"scripts/0/id", "scripts/0/likes"}), target + " 2");
+        QCOMPARE(server.get("liked", fan).at("data").toArray(), QJsonArray{target});
+        QCOMPARE(server.get("?sort=my_liked", fan).column("scripts", "name"), QStringList{"Script delta.gpc3"});
+        QCOMPARE(server.get("?sort=my_liked").column("scripts", "id"), QStringList());
 
-        QCOMPARE(server.get(QStringLiteral("liked"), fan).json.value(QStringLiteral("data")).toArray(),
-                 QJsonArray{target});
-        QCOMPARE(namesOf(server.get(QStringLiteral("?sort=my_liked"), fan)
-                                 .json.value(QStringLiteral("scripts"))
-                                 .toArray()),
-                 QStringList{QStringLiteral("Script delta.gpc3")});
-        QCOMPARE(server.get(QStringLiteral("?sort=my_liked")).json.value(QStringLiteral("scripts")).toArray().size(),
-                 0);
-
-        like = server.post(QStringLiteral("like/") + target, {}, fan, {{"Content-Type", "application/json"}});
-        QCOMPARE(like.json.value(QStringLiteral("data")).toObject().value(QStringLiteral("liked")).toBool(), false);
-        QCOMPARE(like.json.value(QStringLiteral("data")).toObject().value(QStringLiteral("like_count")).toInt(), 1);
-        QCOMPARE(server.get(QStringLiteral("liked"), fan).json.value(QStringLiteral("data")).toArray(), QJsonArray());
+        const auto unliked = like(target, fan);
+        QCOMPARE(unliked.texts({"data/liked", "data/like_count"}), "false 1");
+        QCOMPARE(server.get("liked", fan).at("data").toArray(), QJsonArray());
     }
 
     void detailsCountViewsAndDownloadsReturnTheBytes()
     {
         const QString target = ids.at(1);
-        const auto details = server.get(QStringLiteral("details/") + target);
+        const auto details = server.get("details/" + target);
         QCOMPARE(details.status, 200);
-        QCOMPARE(details.json.value(QStringLiteral("data")).toObject().value(QStringLiteral("views")).toInt(), 1);
-        const auto download = server.get(QStringLiteral("download/") + target);
+        QCOMPARE(details.text("data/views"), "1");
+        const auto download = server.get("download/" + target);
         QCOMPARE(download.status, 200);
-        QCOMPARE(download.body, QByteArray("content of bravo.gbc3"));
-        QCOMPARE(download.header("content-disposition"), QByteArray("attachment; filename=\"bravo.gbc3\""));
-        QCOMPARE(download.header("repr-digest"),
-                 "sha-256=:" + QCryptographicHash::hash(download.body, QCryptographicHash::Sha256).toBase64() + ':');
+        QCOMPARE(download.body, "content of bravo.gbc3");
+        QCOMPARE(download.header("content-disposition"), "attachment; filename=\"bravo.gbc3\"");
+        QCOMPARE(download.header("repr-digest"), server.reprDigest(download.body));
         QVERIFY(!download.header("content-type").contains("application/json"));
-        const QJsonObject after
-                = server.get(QStringLiteral("details/") + target).json.value(QStringLiteral("data")).toObject();
-        QCOMPARE(after.value(QStringLiteral("downloads")).toInt(), 1);
-        QCOMPARE(after.value(QStringLiteral("views")).toInt(), 2);
+        const auto after = server.get("details/" + target);
+        QCOMPARE(after.texts({"data/downloads", "data/views"}), "1 2");
     }
 
     void checkExistingFindsOwnFileAndUpdateKeepsTheId()
     {
-        auto check = server.postJson(QStringLiteral("check-existing"),
-                                     {{QStringLiteral("name"), QStringLiteral("echo.py")},
-                                      {QStringLiteral("script_type"), QStringLiteral("py")}},
-                                     author);
-        QCOMPARE(check.json.value(QStringLiteral("success")).toBool(), true);
-        QCOMPARE(check.json.value(QStringLiteral("exists")).toBool(), true);
-        QCOMPARE(check.json.value(QStringLiteral("data")).toObject().value(QStringLiteral("id")).toString(), ids.at(4));
-        check = server.postJson(QStringLiteral("check-existing"),
-                                {{QStringLiteral("name"), QStringLiteral("echo.py")},
-                                 {QStringLiteral("script_type"), QStringLiteral("py")}},
-                                fan);
-        QCOMPARE(check.json.value(QStringLiteral("exists")).toBool(), false);
-        check = server.postJson(QStringLiteral("check-existing"),
-                                {{QStringLiteral("name"), QStringLiteral("echo.py")},
-                                 {QStringLiteral("script_type"), QStringLiteral("gpc3")}},
-                                author);
-        QCOMPARE(check.json.value(QStringLiteral("exists")).toBool(), false);
+        const auto own = check("echo.py", "py", author);
+        QCOMPARE(own.texts({"success", "exists", "data/id"}), "true true " + ids.at(4));
+        QCOMPARE(check("echo.py", "py", fan).text("exists"), "false");
+        QCOMPARE(check("echo.py", "gpc3", author).text("exists"), "false");
 
-        const auto update
-                = server.upload(QStringLiteral("upload"), author,
-                                {{QStringLiteral("name"), QStringLiteral("Echo Two")},
-                                 {QStringLiteral("description"), QStringLiteral("The second version of echo")},
-                                 {QStringLiteral("existing_uuid"), ids.at(4)},
-                                 {QStringLiteral("version"), QStringLiteral("2.5")},
-                                 {QStringLiteral("visibility_type"), QStringLiteral("public")}},
-                                {{QStringLiteral("script_file"), QStringLiteral("echo.py"), "print('v2')\n"}});
+        const auto update = server.upload("upload", author,
+                                          {{"name", "Echo Two"},
+                                           {"description", "The second version of echo"},
+                                           {"existing_uuid", ids.at(4)},
+                                           {"version", "2.5"},
+                                           {"visibility_type", "public"}},
+                                          {{"script_file", "echo.py", "print('v2')\n"}});
         QCOMPARE(update.status, 200);
-        QCOMPARE(idOf(update), ids.at(4));
-        const QJsonObject record
-                = server.get(QStringLiteral("details/") + ids.at(4)).json.value(QStringLiteral("data")).toObject();
-        QCOMPARE(record.value(QStringLiteral("name")).toString(), QStringLiteral("Echo Two"));
-        QCOMPARE(record.value(QStringLiteral("version")).toDouble(), 2.5);
-        QCOMPARE(server.get(QStringLiteral("download/") + ids.at(4)).body, QByteArray("print('v2')\n"));
-        QCOMPARE(server.get(QStringLiteral("?limit=100"))
-                         .json.value(QStringLiteral("pagination"))
-                         .toObject()
-                         .value(QStringLiteral("total_scripts"))
-                         .toInt(),
-                 5);
-        QCOMPARE(QDir(server.dataDirectory() + QStringLiteral("/files")).entryList(QDir::Files).size(), 5);
+        QCOMPARE(update.text("data/id"), ids.at(4));
+        const auto record = server.get("details/" + ids.at(4));
+        QCOMPARE(record.texts({"data/name", "data/version"}), "Echo Two 2.5");
+        QCOMPARE(server.get("download/" + ids.at(4)).body, "print('v2')\n");
+        QCOMPARE(server.get("?limit=100").text("pagination/total_scripts"), "5");
+        QCOMPARE(QDir(server.dataDirectory() + "/files").entryList(QDir::Files).size(), 5);
+
+        const auto stolen = server.uploadScript(fan, "alpha.gpc3", "stolen", "public", ids.first());
+        QCOMPARE(stolen.status, 403);
+        QCOMPARE(server.get("download/" + ids.first()).body, "content of alpha.gpc3");
     }
 
-    void updatingSomeoneElsesResourceIsRefused()
-    {
-        const auto reply = server.uploadScript(fan, QStringLiteral("alpha.gpc3"), "stolen", QStringLiteral("public"),
-                                               ids.first());
-        QCOMPARE(reply.status, 403);
-        QCOMPARE(server.get(QStringLiteral("download/") + ids.first()).body, QByteArray("content of alpha.gpc3"));
-    }
-
-    void environmentsUploadThroughTheScriptUpload()
+    void environmentsAndWeightsHaveTheirOwnLists()
     {
         const QByteArray qenv = R"({"name": "GPU", "python": "3.11", "packages": ["torch==2.2.1", "numpy"],
             "extra_index_urls": ["https://download.pytorch.org/whl/cu121"]})";
-        const auto reply = server.upload(QStringLiteral("upload"), author,
-                                         {{QStringLiteral("name"), QStringLiteral("GPU environment")},
-                                          {QStringLiteral("description"), QStringLiteral("Torch with CUDA wheels")}},
-                                         {{QStringLiteral("script_file"), QStringLiteral("gpu.qenv"), qenv}});
+        const auto reply = server.upload("upload", author,
+                                         {{"name", "GPU environment"}, {"description", "Torch with CUDA wheels"}},
+                                         {{"script_file", "gpu.qenv", qenv}});
         QCOMPARE(reply.status, 200);
-        const QString id = idOf(reply);
-        QCOMPARE(server.get(QString())
-                         .json.value(QStringLiteral("pagination"))
-                         .toObject()
-                         .value(QStringLiteral("total_scripts"))
-                         .toInt(),
-                 5);
-        const auto list = server.get(QStringLiteral("qenv/list"));
-        QCOMPARE(list.json.value(QStringLiteral("pagination"))
-                         .toObject()
-                         .value(QStringLiteral("total_environments"))
-                         .toInt(),
-                 1);
-        const QJsonObject record = list.json.value(QStringLiteral("environments")).toArray().first().toObject();
-        QCOMPARE(record.value(QStringLiteral("id")).toString(), id);
-        const QJsonObject metadata = record.value(QStringLiteral("qenv_metadata")).toObject();
-        QCOMPARE(metadata.value(QStringLiteral("python")).toString(), QStringLiteral("3.11"));
-        QCOMPARE(metadata.value(QStringLiteral("package_count")).toInt(), 2);
-        QCOMPARE(metadata.value(QStringLiteral("cuda")).toString(), QStringLiteral("12.1"));
-        QCOMPARE(server.get(QStringLiteral("qenv/download/") + id).body, qenv);
-        const auto check = server.postJson(QStringLiteral("check-existing"),
-                                           {{QStringLiteral("name"), QStringLiteral("gpu.qenv")},
-                                            {QStringLiteral("script_type"), QStringLiteral("qenv")}},
-                                           author);
-        QCOMPARE(check.json.value(QStringLiteral("data")).toObject().value(QStringLiteral("id")).toString(), id);
-    }
+        const QString id = reply.text("data/id");
+        QCOMPARE(server.get(QString()).text("pagination/total_scripts"), "5");
+        const auto list = server.get("qenv/list");
+        QCOMPARE(list.texts({"pagination/total_environments", "environments/0/id"}), "1 " + id);
+        const QString metadata = "environments/0/qenv_metadata/";
+        QCOMPARE(list.texts({metadata + "python", metadata + "package_count", metadata + "cuda"}), "3.11 2 12.1");
+        QCOMPARE(server.get("qenv/download/" + id).body, qenv);
+        QCOMPARE(check("gpu.qenv", "qenv", author).text("data/id"), id);
 
-    void encryptedWeightsDownloadAsEnnx()
-    {
         const QByteArray model(300000, '\x07');
-        const auto reply = server.upload(QStringLiteral("onnx/upload"), author,
-                                         {{QStringLiteral("name"), QStringLiteral("Detector")},
-                                          {QStringLiteral("description"), QStringLiteral("Finds things in frames")},
-                                          {QStringLiteral("encrypted"), QStringLiteral("1")}},
-                                         {{QStringLiteral("onnx_file"), QStringLiteral("detector.onnx"), model}});
-        QCOMPARE(reply.status, 200);
-        const QString id = idOf(reply);
-        const QJsonObject record
-                = server.get(QStringLiteral("onnx/details/") + id).json.value(QStringLiteral("data")).toObject();
-        QCOMPARE(record.value(QStringLiteral("is_encrypted")).toBool(), true);
-        QCOMPARE(record.value(QStringLiteral("size")).toInteger(), model.size());
-        const auto download = server.get(QStringLiteral("onnx/download/") + id);
-        QCOMPARE(download.header("content-disposition"), QByteArray("attachment; filename=\"detector.ennx\""));
+        const auto weights = server.upload("onnx/upload", author,
+                                           {{"name", "Detector"},
+                                            {"description", "Finds things in frames"},
+                                            {"encrypted", "1"}},
+                                           {{"onnx_file", "detector.onnx", model}});
+        QCOMPARE(weights.status, 200);
+        const QString weightsId = weights.text("data/id");
+        const auto record = server.get("onnx/details/" + weightsId);
+        QCOMPARE(record.texts({"data/is_encrypted", "data/size"}), "true 300000");
+        const auto download = server.get("onnx/download/" + weightsId);
+        QCOMPARE(download.header("content-disposition"), "attachment; filename=\"detector.ennx\"");
         QCOMPARE(download.body, model);
-        QCOMPARE(download.header("repr-digest"),
-                 "sha-256=:" + QCryptographicHash::hash(model, QCryptographicHash::Sha256).toBase64() + ':');
-        QCOMPARE(server.get(QStringLiteral("onnx/list")).json.value(QStringLiteral("weights")).toArray().size(), 1);
+        QCOMPARE(download.header("repr-digest"), server.reprDigest(model));
+        QCOMPARE(server.get("onnx/list").column("weights", "id"), QStringList{weightsId});
     }
 
     void headerImagesAreServedByIdWithThumbnails()
     {
-        const QByteArray picture = pngBytes(1100, 560);
-        const auto reply
-                = server.upload(QStringLiteral("upload"), author,
-                                {{QStringLiteral("name"), QStringLiteral("Pictured")},
-                                 {QStringLiteral("description"), QStringLiteral("A script with a header image")}},
-                                {{QStringLiteral("script_file"), QStringLiteral("pictured.gpc3"), "main {}"},
-                                 {QStringLiteral("header_image"), QStringLiteral("header.png"), picture}});
+        const QByteArray picture = server.png(1100, 560);
+        const auto upload = [&](const QByteArray &image) {
+            return server.upload("upload", author, {{"name", "Pictured"}, {"description", "A script with an image"}},
+                                 {{"script_file", "pictured.gpc3", "main {}"}, {"header_image", "header.png", image}});
+        };
+        const auto reply = upload(picture);
         QCOMPARE(reply.status, 200);
-        const QJsonObject record = reply.json.value(QStringLiteral("data")).toObject();
-        const QString header = record.value(QStringLiteral("images"))
-                                       .toObject()
-                                       .value(QStringLiteral("header"))
-                                       .toObject()
-                                       .value(QStringLiteral("url"))
-                                       .toString();
-        const QString thumbnail = record.value(QStringLiteral("thumbnail")).toString();
-        QVERIFY2(header.startsWith(server.origin() + QStringLiteral("/images/%1/header?key=").arg(idOf(reply))),
+        const QString header = reply.text("data/images/header/url");
+        QVERIFY2(header.startsWith(server.origin() + "/images/" + reply.text("data/id") + "/header?key="),
                  qPrintable(header));
         QCOMPARE(server.send("GET", header, {}, {}, {}).body, picture);
-        const QImage small = QImage::fromData(server.send("GET", thumbnail, {}, {}, {}).body);
-        QVERIFY(!small.isNull());
-        QVERIFY(small.width() <= 600);
-
-        const auto notAnImage
-                = server.upload(QStringLiteral("upload"), author,
-                                {{QStringLiteral("name"), QStringLiteral("Fake picture")},
-                                 {QStringLiteral("description"), QStringLiteral("The picture is a text file")}},
-                                {{QStringLiteral("script_file"), QStringLiteral("fake.gpc3"), "main {}"},
-                                 {QStringLiteral("header_image"), QStringLiteral("header.png"), "hello"}});
-        QCOMPARE(notAnImage.status, 400);
+        const QImage small = QImage::fromData(server.send("GET", reply.text("data/thumbnail"), {}, {}, {}).body);
+        QVERIFY(!small.isNull() && small.width() <= 600);
+        QCOMPARE(upload("hello").status, 400);
     }
 
     void deletedResourcesLeaveNoFiles()
     {
-        const auto created = server.uploadScript(author, QStringLiteral("short-lived.gpc3"), "bye");
-        const QString id = idOf(created);
-        QVERIFY(QFile::exists(server.dataDirectory() + QStringLiteral("/files/") + id));
+        const QString id = server.uploadScript(author, "short-lived.gpc3", "bye").text("data/id");
+        const QString file = server.dataDirectory() + "/files/" + id;
+        QVERIFY(QFile::exists(file));
         const auto reply = server.remove(id, author);
         QCOMPARE(reply.status, 200);
-        QCOMPARE(reply.json.value(QStringLiteral("data")).toObject().value(QStringLiteral("id")).toString(), id);
-        QVERIFY(!QFile::exists(server.dataDirectory() + QStringLiteral("/files/") + id));
-        QCOMPARE(server.get(QStringLiteral("details/") + id).status, 404);
+        QCOMPARE(reply.text("data/id"), id);
+        QVERIFY(!QFile::exists(file));
+        QCOMPARE(server.get("details/" + id).status, 404);
     }
 
     void demoSeedFillsAnEmptyCatalogueOnce()
     {
         CatalogueServerFixture seeded(true);
         QVERIFY2(seeded.start(), qPrintable(seeded.error()));
-        const auto scripts = seeded.get(QStringLiteral("?limit=100"));
-        QVERIFY(scripts.json.value(QStringLiteral("pagination"))
-                        .toObject()
-                        .value(QStringLiteral("total_scripts"))
-                        .toInt()
-                >= 24);
-        QSet<QString> subtypes;
-        for (const QJsonValue &record : scripts.json.value(QStringLiteral("scripts")).toArray())
-            subtypes.insert(record.toObject().value(QStringLiteral("type")).toString());
-        QCOMPARE(subtypes, (QSet<QString>{QStringLiteral("gpc3"), QStringLiteral("gbc3"), QStringLiteral("python")}));
-        const QJsonArray environments
-                = seeded.get(QStringLiteral("qenv/list")).json.value(QStringLiteral("environments")).toArray();
-        QVERIFY(environments.size() >= 3);
-        const QString envId = environments.first().toObject().value(QStringLiteral("id")).toString();
+        const auto scripts = seeded.get("?limit=100");
+        QVERIFY(scripts.at("pagination/total_scripts").toInt() >= 24);
+        const QStringList types = scripts.column("scripts", "type");
+        QCOMPARE(QSet<QString>(types.begin(), types.end()), (QSet<QString>{"gpc3", "gbc3", "python"}));
+        const auto environments = seeded.get("qenv/list");
+        QVERIFY(environments.at("environments").toArray().size() >= 3);
         const QJsonObject qenv
-                = QJsonDocument::fromJson(seeded.get(QStringLiteral("qenv/download/") + envId).body).object();
-        QVERIFY(qenv.contains(QStringLiteral("python")));
+                = QJsonDocument::fromJson(seeded.get("qenv/download/" + environments.text("environments/0/id")).body)
+                          .object();
+        QVERIFY(qenv.contains("python"));
         // The name becomes a folder on the user's machine.
-        QVERIFY(QRegularExpression(QStringLiteral("^[a-z0-9-]+$"))
-                        .match(qenv.value(QStringLiteral("name")).toString())
-                        .hasMatch());
-        QVERIFY(!qenv.value(QStringLiteral("packages")).toArray().isEmpty());
-        QVERIFY(seeded.get(QStringLiteral("onnx/list")).json.value(QStringLiteral("weights")).toArray().size() >= 3);
-        const QString thumbnail = environments.first().toObject().value(QStringLiteral("thumbnail")).toString();
+        QVERIFY(QRegularExpression("^[a-z0-9-]+$").match(qenv.value("name").toString()).hasMatch());
+        QVERIFY(!qenv.value("packages").toArray().isEmpty());
+        QVERIFY(seeded.get("onnx/list").at("weights").toArray().size() >= 3);
+        const QString thumbnail = environments.text("environments/0/thumbnail");
         QVERIFY(!QImage::fromData(seeded.send("GET", thumbnail, {}, {}, {}).body).isNull());
     }
 
@@ -384,31 +248,21 @@ private Q_SLOTS:
         options.dataDirectory = directory.path();
         options.port = 0;
         QString error;
+        QVERIFY2(Quorix::CatalogueServer(options).start(&error), qPrintable(error));
         {
-            Quorix::CatalogueServer first(options);
-            QVERIFY2(first.start(&error), qPrintable(error));
-        }
-        {
-            QSqlDatabase db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), QStringLiteral("inspect"));
-            db.setDatabaseName(directory.filePath(QStringLiteral("catalogue.sqlite")));
+            QSqlDatabase db = QSqlDatabase::addDatabase("QSQLITE", "inspect");
+            db.setDatabaseName(directory.filePath("catalogue.sqlite"));
             QVERIFY(db.open());
             QSqlQuery query(db);
-            QVERIFY(query.exec(QStringLiteral("PRAGMA user_version")) && query.next());
+            QVERIFY(query.exec("PRAGMA user_version") && query.next());
             QVERIFY(query.value(0).toInt() >= 2);
-            QVERIFY(query.exec(QStringLiteral("PRAGMA user_version = 999")));
+            QVERIFY(query.exec("PRAGMA user_version = 999"));
             db.close();
         }
-        QSqlDatabase::removeDatabase(QStringLiteral("inspect"));
-        Quorix::CatalogueServer second(options);
-        QVERIFY(!second.start(&error));
-        QVERIFY(error.contains(QLatin1String("newer")));
+        QSqlDatabase::removeDatabase("inspect");
+        QVERIFY(!Quorix::CatalogueServer(options).start(&error));
+        QVERIFY(error.contains("newer"));
     }
-
-private:
-    CatalogueServerFixture server;
-    QString author;
-    QString fan;
-    QStringList ids;
 };
 
 QTEST_MAIN(CatalogueServerCatalogueTest)

@@ -3,6 +3,9 @@
 
 #include <QCryptographicHash>
 #include <QDir>
+#include <QJsonDocument>
+#include <QRandomGenerator>
+#include <QStandardPaths>
 #include <QTcpSocket>
 #include <QTemporaryDir>
 #include <QtTest>
@@ -11,8 +14,6 @@ using Quorix::MultipartForm;
 using Quorix::Testing::CatalogueServerFixture;
 
 namespace {
-
-constexpr int connectionCap = 6;
 
 QByteArray request(const QByteArray &method, const QByteArray &path, const QByteArray &headers,
                    const QByteArray &body = {})
@@ -34,34 +35,40 @@ QByteArray headerValue(const QByteArray &response, const QByteArray &name)
     return {};
 }
 
-QByteArray bodyOf(const QByteArray &response)
+// What curl, a client that shares no code with ours, prints for these arguments.
+QByteArray curl(const QStringList &arguments)
 {
-    return response.mid(response.indexOf("\r\n\r\n") + 4);
+    QProcess process;
+    process.start("curl", QStringList{"-sS", "--max-time", "30", "--noproxy", "*"} + arguments);
+    return process.waitForFinished(40000) ? process.readAllStandardOutput() : QByteArray();
 }
 
 } // namespace
 
-// The real program under hostile and unusual HTTP: limits hold before bodies are read, files leave in ranges and
-// with their digest, idle and surplus connections are turned away.
+// The real catalogue-server program: under hostile and unusual HTTP limits hold before bodies are read, files leave in
+// ranges and with their digest, idle and surplus connections are turned away; killed at each named point of an
+// upload, an update and a delete it restarts with complete old or new bytes and nothing staged or orphaned.
 class CatalogueServerTransportTest : public QObject
 {
     Q_OBJECT
 
+    CatalogueServerFixture server;
+    QString token;
+    QByteArray id;
+    QByteArray content;
+
 private Q_SLOTS:
     void initTestCase()
     {
-        QVERIFY2(server.startProcess({QStringLiteral("--header-timeout"), QStringLiteral("1"),
-                                      QStringLiteral("--keep-alive-timeout"), QStringLiteral("1"),
-                                      QStringLiteral("--body-timeout"), QStringLiteral("2"),
-                                      QStringLiteral("--max-connections"), QString::number(connectionCap)}),
+        QVERIFY2(server.startProcess({"--header-timeout", "1", "--keep-alive-timeout", "1", "--body-timeout", "2"}),
                  qPrintable(server.error()));
-        token = server.signIn(QStringLiteral("111111111111111111"), QStringLiteral("author"));
+        token = server.signIn("111111111111111111", "author");
         QVERIFY(!token.isEmpty());
         for (int i = 0; i < 1000; ++i)
             content.append(char('a' + i % 23));
-        const auto reply = server.uploadScript(token, QStringLiteral("ranges.gpc3"), content);
+        const auto reply = server.uploadScript(token, "ranges.gpc3", content);
         QCOMPARE(reply.status, 200);
-        id = reply.json.value(QStringLiteral("data")).toObject().value(QStringLiteral("id")).toString().toLatin1();
+        id = reply.text("data/id").toLatin1();
     }
 
     void limitsAnswerBeforeTheBody_data()
@@ -69,35 +76,32 @@ private Q_SLOTS:
         QTest::addColumn<QByteArray>("raw");
         QTest::addColumn<QByteArray>("status");
         const QByteArray json = "Content-Type: application/json\r\n";
+        const QByteArray tooLarge = "HTTP/1.1 413 Payload Too Large", bad = "HTTP/1.1 400 Bad Request";
         QTest::newRow("headers over 16 KiB") << request("GET", "", "X-Fill: " + QByteArray(16 * 1024, 'f') + "\r\n")
                                              << QByteArray("HTTP/1.1 431 Request Header Fields Too Large");
         QTest::newRow("headers under 16 KiB") << request("GET", "", "X-Fill: " + QByteArray(15 * 1024, 'f') + "\r\n")
                                               << QByteArray("HTTP/1.1 200 OK");
         QTest::newRow("json length over 1 MiB")
-                << request("POST", "check-existing", json + "Content-Length: 1048577\r\n")
-                << QByteArray("HTTP/1.1 413 Payload Too Large");
+                << request("POST", "check-existing", json + "Content-Length: 1048577\r\n") << tooLarge;
         QTest::newRow("script upload length over its limit")
-                << request("POST", "upload", "Content-Length: 15728641\r\n")
-                << QByteArray("HTTP/1.1 413 Payload Too Large");
+                << request("POST", "upload", "Content-Length: 15728641\r\n") << tooLarge;
         QTest::newRow("weights upload length over its limit")
-                << request("POST", "onnx/upload", "Content-Length: 529530881\r\n")
-                << QByteArray("HTTP/1.1 413 Payload Too Large");
+                << request("POST", "onnx/upload", "Content-Length: 529530881\r\n") << tooLarge;
         QTest::newRow("chunked json growing past 1 MiB")
                 << request("POST", "check-existing", json + "Transfer-Encoding: chunked\r\n",
                            "100001\r\n" + QByteArray(0x100001, ' ') + "\r\n0\r\n\r\n")
-                << QByteArray("HTTP/1.1 413 Payload Too Large");
+                << tooLarge;
         QTest::newRow("length beside chunked")
                 << request("POST", "check-existing", "Content-Length: 5\r\nTransfer-Encoding: chunked\r\n", "0\r\n\r\n")
-                << QByteArray("HTTP/1.1 400 Bad Request");
+                << bad;
         QTest::newRow("two different lengths")
-                << request("POST", "check-existing", "Content-Length: 5\r\nContent-Length: 6\r\n", "{}")
-                << QByteArray("HTTP/1.1 400 Bad Request");
+                << request("POST", "check-existing", "Content-Length: 5\r\nContent-Length: 6\r\n", "{}") << bad;
         QTest::newRow("continue for an acceptable body")
                 << request("POST", "check-existing", json + "Expect: 100-continue\r\nContent-Length: 2\r\n")
                 << QByteArray("HTTP/1.1 100 Continue");
         QTest::newRow("no continue for a body over the limit")
                 << request("POST", "check-existing", json + "Expect: 100-continue\r\nContent-Length: 2000000\r\n")
-                << QByteArray("HTTP/1.1 413 Payload Too Large");
+                << tooLarge;
         QTest::newRow("anonymous upload refused unread")
                 << request("POST", "upload",
                            "Content-Type: multipart/form-data; boundary=b\r\nExpect: 100-continue\r\n"
@@ -119,24 +123,19 @@ private Q_SLOTS:
         QTest::addColumn<QByteArray>("status");
         QTest::addColumn<QByteArray>("contentRange");
         QTest::addColumn<QByteArray>("body");
-        QTest::newRow("whole") << QByteArray("GET") << QByteArray() << QByteArray("HTTP/1.1 200 OK") << QByteArray()
-                               << content;
-        QTest::newRow("head") << QByteArray("HEAD") << QByteArray() << QByteArray("HTTP/1.1 200 OK") << QByteArray()
-                              << QByteArray();
-        QTest::newRow("first ten") << QByteArray("GET") << QByteArray("bytes=0-9")
-                                   << QByteArray("HTTP/1.1 206 Partial Content") << QByteArray("bytes 0-9/1000")
+        const QByteArray get = "GET", ok = "HTTP/1.1 200 OK", partial = "HTTP/1.1 206 Partial Content", none;
+        QTest::newRow("whole") << get << none << ok << none << content;
+        QTest::newRow("head") << QByteArray("HEAD") << none << ok << none << none;
+        QTest::newRow("first ten") << get << QByteArray("bytes=0-9") << partial << QByteArray("bytes 0-9/1000")
                                    << content.left(10);
-        QTest::newRow("resume from 990") << QByteArray("GET") << QByteArray("bytes=990-")
-                                         << QByteArray("HTTP/1.1 206 Partial Content")
+        QTest::newRow("resume from 990") << get << QByteArray("bytes=990-") << partial
                                          << QByteArray("bytes 990-999/1000") << content.mid(990);
-        QTest::newRow("last five") << QByteArray("GET") << QByteArray("bytes=-5")
-                                   << QByteArray("HTTP/1.1 206 Partial Content") << QByteArray("bytes 995-999/1000")
+        QTest::newRow("last five") << get << QByteArray("bytes=-5") << partial << QByteArray("bytes 995-999/1000")
                                    << content.right(5);
-        QTest::newRow("past the end") << QByteArray("GET") << QByteArray("bytes=1000-")
+        QTest::newRow("past the end") << get << QByteArray("bytes=1000-")
                                       << QByteArray("HTTP/1.1 416 Range Not Satisfiable") << QByteArray("bytes */1000")
-                                      << QByteArray();
-        QTest::newRow("several ranges get everything") << QByteArray("GET") << QByteArray("bytes=0-1,5-6")
-                                                       << QByteArray("HTTP/1.1 200 OK") << QByteArray() << content;
+                                      << none;
+        QTest::newRow("several ranges get everything") << get << QByteArray("bytes=0-1,5-6") << ok << none << content;
     }
 
     void downloadsHonourHeadAndRange()
@@ -150,38 +149,30 @@ private Q_SLOTS:
                 request(method, "download/" + id, range.isEmpty() ? QByteArray() : "Range: " + range + "\r\n"), 3000);
         QCOMPARE(statusLine(response), status);
         QCOMPARE(headerValue(response, "Content-Range"), contentRange);
-        QCOMPARE(bodyOf(response), body);
+        QCOMPARE(response.mid(response.indexOf("\r\n\r\n") + 4), body);
         if (status.contains("416"))
             return;
-        const QByteArray digest = QCryptographicHash::hash(content, QCryptographicHash::Sha256).toBase64();
-        QCOMPARE(headerValue(response, "Repr-Digest"), "sha-256=:" + digest + ':');
+        QCOMPARE(headerValue(response, "Repr-Digest"), server.reprDigest(content));
         QCOMPARE(headerValue(response, "Content-Length").toInt(), method == "HEAD" ? 1000 : body.size());
     }
 
     void nonAsciiFileNamesTravelAsFilenameStar()
     {
-        const auto uploaded = server.uploadScript(token, QStringLiteral("Café ünï.gpc3"), "main {}");
-        const QByteArray named = uploaded.json.value(QStringLiteral("data"))
-                                         .toObject()
-                                         .value(QStringLiteral("id"))
-                                         .toString()
-                                         .toLatin1();
+        const QByteArray named = server.uploadScript(token, "Café ünï.gpc3", "main {}").text("data/id").toLatin1();
         const QByteArray response = server.exchange(request("HEAD", "download/" + named, {}), 3000);
         QCOMPARE(headerValue(response, "Content-Disposition"),
-                 QByteArray("attachment; filename=\"Caf_ _n_.gpc3\"; filename*=UTF-8''Caf%C3%A9%20%C3%BCn%C3%AF.gpc3"));
+                 "attachment; filename=\"Caf_ _n_.gpc3\"; filename*=UTF-8''Caf%C3%A9%20%C3%BCn%C3%AF.gpc3");
     }
 
     void refusedUploadsLeaveNoStagingFiles()
     {
-        const auto reply = server.upload(
-                QStringLiteral("upload"), token,
-                {{QStringLiteral("name"), QStringLiteral("Too big")},
-                 {QStringLiteral("description"), QStringLiteral("A script over its limit")}},
-                {{QStringLiteral("script_file"), QStringLiteral("big.gpc3"), QByteArray(10 * 1024 * 1024 + 1, 'x')}});
+        const auto reply = server.upload("upload", token,
+                                         {{"name", "Too big"}, {"description", "A script over its limit"}},
+                                         {{"script_file", "big.gpc3", QByteArray(10 * 1024 * 1024 + 1, 'x')}});
         QCOMPARE(reply.status, 413);
-        QCOMPARE(reply.json.value(QStringLiteral("error")).toString(), QStringLiteral("File too large (max 10MB)"));
-        QTRY_COMPARE_WITH_TIMEOUT(QDir(server.dataDirectory() + QStringLiteral("/staging")).entryList(QDir::Files),
-                                  QStringList(), 5000);
+        QCOMPARE(reply.text("error"), "File too large (max 10MB)");
+        QTRY_COMPARE_WITH_TIMEOUT(QDir(server.dataDirectory() + "/staging").entryList(QDir::Files), QStringList(),
+                                  5000);
     }
 
     void stalledClientsAreDisconnected_data()
@@ -210,18 +201,21 @@ private Q_SLOTS:
 
     void connectionsBeyondTheCapGet503()
     {
-        QList<QTcpSocket *> idle;
-        for (int i = 0; i < connectionCap; ++i) {
-            idle.append(new QTcpSocket(this));
-            idle.last()->connectToHost(QHostAddress::LocalHost, server.port());
-            QVERIFY(idle.last()->waitForConnected(5000));
+        // A server of its own, whose answered connections stay open long enough to be counted for certain.
+        CatalogueServerFixture capped;
+        QVERIFY2(capped.startProcess({"--keep-alive-timeout", "60", "--max-connections", "2"}),
+                 qPrintable(capped.error()));
+        QList<QTcpSocket *> held;
+        for (int i = 0; i < 2; ++i) {
+            held.append(new QTcpSocket(this));
+            held.last()->connectToHost(QHostAddress::LocalHost, capped.port());
+            QVERIFY(held.last()->waitForConnected(5000));
+            held.last()->write(request("GET", "?limit=1", {}));
+            QVERIFY(held.last()->waitForReadyRead(5000));
         }
-        // A socket is connected as soon as the kernel queues it; the server counts it only once it has accepted it.
-        QTRY_COMPARE_WITH_TIMEOUT(statusLine(server.exchange(request("GET", "", {}), 3000)),
-                                  QByteArray("HTTP/1.1 503 Service Unavailable"), 10000);
-        qDeleteAll(idle);
-        QTRY_COMPARE_WITH_TIMEOUT(statusLine(server.exchange(request("GET", "", {}), 3000)),
-                                  QByteArray("HTTP/1.1 200 OK"), 10000);
+        QCOMPARE(statusLine(capped.exchange(request("GET", "", {}), 3000)), "HTTP/1.1 503 Service Unavailable");
+        qDeleteAll(held);
+        QTRY_COMPARE_WITH_TIMEOUT(statusLine(capped.exchange(request("GET", "", {}), 3000)), "HTTP/1.1 200 OK", 10000);
     }
 
     void formsReadTheSameInAnyPieces_data()
@@ -245,24 +239,148 @@ private Q_SLOTS:
                   + file + "\r\n--boundary--\r\nepilogue";
         QTemporaryDir staging;
         MultipartForm::Limits limits;
-        limits.files = {{QStringLiteral("script_file"), 10000, QStringLiteral("too large")}};
+        limits.files = {{"script_file", 10000, "too large"}};
         MultipartForm form("multipart/form-data; boundary=boundary", limits, staging.path());
         for (qsizetype at = 0; at < body.size(); at += pieceSize)
             QVERIFY(form.feed(body.constData() + at, qMin<qsizetype>(pieceSize, body.size() - at)));
         QVERIFY(form.finish());
-        QCOMPARE(form.text(QStringLiteral("name")), QStringLiteral("Café"));
-        const MultipartForm::Part *part = form.part(QStringLiteral("script_file"));
+        QCOMPARE(form.text("name"), "Café");
+        const MultipartForm::Part *part = form.part("script_file");
         QVERIFY(part);
         QCOMPARE(form.contents(*part), file);
         QCOMPARE(part->size, file.size());
         QCOMPARE(part->sha256, QCryptographicHash::hash(file, QCryptographicHash::Sha256));
     }
 
-private:
-    CatalogueServerFixture server;
-    QString token;
-    QByteArray id;
-    QByteArray content;
+    void aCrashLeavesOldOrNewBytes_data()
+    {
+        QTest::addColumn<QString>("point");
+        QTest::addColumn<QString>("action");
+        QTest::addColumn<QString>("expected");
+        QTest::addColumn<QByteArray>("logged");
+        const QByteArray rolledBack = "rolled back", finished = "finished the file";
+        QTest::newRow("new upload before commit") << "before-commit" << "upload" << "absent" << rolledBack;
+        QTest::newRow("new upload after commit") << "after-commit" << "upload" << "new" << finished;
+        QTest::newRow("update before commit") << "before-commit" << "update" << "old" << rolledBack;
+        QTest::newRow("update after commit") << "after-commit" << "update" << "new" << finished;
+        QTest::newRow("update between renames") << "during-publish" << "update" << "new" << finished;
+        QTest::newRow("delete after commit") << "after-delete-commit" << "delete" << "absent"
+                                             << QByteArray("no resource owns");
+    }
+
+    void aCrashLeavesOldOrNewBytes()
+    {
+        QFETCH(QString, point);
+        QFETCH(QString, action);
+        QFETCH(QString, expected);
+        QFETCH(QByteArray, logged);
+        CatalogueServerFixture crashing;
+        QVERIFY2(crashing.startProcess(), qPrintable(crashing.error()));
+        const QString author = crashing.signIn("111111111111111111", "author");
+        const QByteArray oldBytes(300000, 'o'), newBytes(400000, 'n');
+        const QString kept = action == "upload" ? QString()
+                                                : crashing.uploadScript(author, "kept.gpc3", oldBytes).text("data/id");
+        QVERIFY(action == "upload" || !kept.isEmpty());
+
+        QVERIFY2(crashing.startProcess({}, {{"QUORIX_SERVER_CRASH_AT", point}}), qPrintable(crashing.error()));
+        if (action == "delete") {
+            crashing.remove(kept, author);
+        } else {
+            QList<QPair<QString, QString>> fields{{"name", "Crash test"}, {"description", "Killed on purpose"}};
+            if (!kept.isEmpty())
+                fields.append({"existing_uuid", kept});
+            crashing.upload("upload", author, fields,
+                            {{"script_file", "kept.gpc3", newBytes}, {"header_image", "h.png", crashing.png(64, 32)}});
+        }
+        QVERIFY2(crashing.waitForProcessEnd(), crashing.processOutput().constData());
+
+        QVERIFY2(crashing.startProcess(), qPrintable(crashing.error()));
+        QVERIFY2(crashing.processOutput().contains(logged), crashing.processOutput().constData());
+        const QStringList listed = crashing.get("?limit=100").column("scripts", "id");
+        QCOMPARE(listed.size(), expected == "absent" ? 0 : 1);
+        for (const QString &listedId : listed) {
+            const auto download = crashing.get("download/" + listedId);
+            QCOMPARE(download.status, 200);
+            QCOMPARE(download.body, expected == "new" ? newBytes : oldBytes);
+            QCOMPARE(download.header("repr-digest"), crashing.reprDigest(download.body));
+        }
+        for (const QString folder : {"staging", "files", "images"}) {
+            const QStringList left = QDir(crashing.dataDirectory() + '/' + folder).entryList(QDir::Files);
+            QVERIFY2(left.filter(".new").isEmpty() && (folder != "staging" || left.isEmpty()),
+                     qPrintable(left.join(' ')));
+            if (expected == "absent")
+                QCOMPARE(left, QStringList());
+        }
+    }
+
+    void helpDescribesTheOptions()
+    {
+        QProcess process;
+        process.start(qEnvironmentVariable("QUORIX_BINARY_DIR") + "/bin/catalogue-server", {"--help"});
+        QVERIFY(process.waitForFinished(10000));
+        const QString help = QString::fromUtf8(process.readAllStandardOutput());
+        for (const char *option : {"--data-dir", "--port", "--bind", "--seed-demo", "--dev-login", "--admin-ids"})
+            QVERIFY2(help.contains(option), option);
+    }
+
+    void unusableDataFoldersStopTheStart_data()
+    {
+        QTest::addColumn<QString>("directory");
+        QTest::addColumn<QString>("message");
+        // The tests may run as root, whom permissions do not stop; /proc refuses new files to everyone.
+        QTest::newRow("not writable") << "/proc/self" << "is not writable";
+        QTest::newRow("under a file") << "/proc/self/status/data" << "Cannot use the data directory";
+    }
+
+    void unusableDataFoldersStopTheStart()
+    {
+        QFETCH(QString, directory);
+        QFETCH(QString, message);
+        QProcess process;
+        process.setProcessChannelMode(QProcess::MergedChannels);
+        process.start(qEnvironmentVariable("QUORIX_BINARY_DIR") + "/bin/catalogue-server",
+                      {"--data-dir", directory, "--port", "0"});
+        QVERIFY(process.waitForFinished(10000));
+        QCOMPARE(process.exitCode(), 1);
+        QVERIFY2(process.readAll().contains(message.toUtf8()), qPrintable(message));
+    }
+
+    void curlUploadsAndDownloadsTheSameBytes()
+    {
+        if (QStandardPaths::findExecutable("curl").isEmpty())
+            QSKIP("curl is not installed");
+        const QString login = R"({"discord_id":"123456789012345678","username":"curl"})";
+        const QString session
+                = QJsonDocument::fromJson(curl({"-X", "POST", "-d", login, server.origin() + "/api/auth/dev-login"}))
+                          .object()
+                          .value("token")
+                          .toString();
+        QVERIFY(!session.isEmpty());
+
+        QTemporaryDir files;
+        QByteArray bytes(200000, Qt::Uninitialized);
+        QRandomGenerator(7).fillRange(reinterpret_cast<quint32 *>(bytes.data()), bytes.size() / 4);
+        const QString scriptPath = files.filePath("binary script.gpc3");
+        QFile script(scriptPath);
+        QVERIFY(script.open(QIODevice::WriteOnly) && script.write(bytes) == bytes.size());
+        script.close();
+
+        const QJsonObject uploaded
+                = QJsonDocument::fromJson(curl({"-H", "Authorization: Bearer " + session, "-H", "Expect:", "-F",
+                                                "name=Curl upload", "-F", "description=Uploaded by curl in a test",
+                                                "-F", "tags=curl,test", "-F", "script_file=@" + scriptPath,
+                                                server.apiUrl("upload")}))
+                          .object();
+        QCOMPARE(uploaded.value("success").toBool(), true);
+        const QString downloaded = files.filePath("downloaded");
+        const QByteArray headers = curl({"-D", "-", "-o", downloaded,
+                                         server.apiUrl("download/" + uploaded.value("data")["id"].toString())});
+        QVERIFY2(headers.contains("Content-Disposition: attachment; filename=\"binary script.gpc3\""),
+                 headers.constData());
+        QFile result(downloaded);
+        QVERIFY(result.open(QIODevice::ReadOnly));
+        QCOMPARE(result.readAll(), bytes);
+    }
 };
 
 QTEST_MAIN(CatalogueServerTransportTest)

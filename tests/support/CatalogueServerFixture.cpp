@@ -1,6 +1,9 @@
 #include "CatalogueServerFixture.h"
 
+#include <QBuffer>
+#include <QCryptographicHash>
 #include <QDeadlineTimer>
+#include <QImage>
 #include <QEventLoop>
 #include <QJsonDocument>
 #include <QNetworkProxy>
@@ -8,7 +11,6 @@
 #include <QRegularExpression>
 #include <QTcpSocket>
 #include <QTimer>
-#include <QUrlQuery>
 
 namespace Quorix::Testing {
 
@@ -16,24 +18,34 @@ namespace {
 
 constexpr int replyTimeoutMilliseconds = 60000;
 
-QByteArray multipartBody(const QByteArray &boundary, const QList<QPair<QString, QString>> &fields,
-                         const QList<CatalogueServerFixture::UploadFile> &files)
+} // namespace
+
+QJsonValue CatalogueServerFixture::Reply::at(const QString &path) const
 {
-    QByteArray body;
-    for (const auto &field : fields) {
-        body += "--" + boundary + "\r\nContent-Disposition: form-data; name=\"" + field.first.toUtf8() + "\"\r\n\r\n"
-                + field.second.toUtf8() + "\r\n";
+    QJsonValue value = json;
+    for (const QString &key : path.split(QLatin1Char('/'), Qt::SkipEmptyParts)) {
+        bool index = false;
+        const int position = key.toInt(&index);
+        value = index ? value.toArray().at(position) : value.toObject().value(key);
     }
-    for (const auto &file : files) {
-        body += "--" + boundary + "\r\nContent-Disposition: form-data; name=\"" + file.part.toUtf8() + "\"; filename=\""
-                + file.fileName.toUtf8() + "\"\r\nContent-Type: application/octet-stream\r\n\r\n" + file.content
-                + "\r\n";
-    }
-    body += "--" + boundary + "--\r\n";
-    return body;
+    return value;
 }
 
-} // namespace
+QString CatalogueServerFixture::Reply::texts(const QStringList &paths) const
+{
+    QStringList values;
+    for (const QString &path : paths)
+        values.append(text(path));
+    return values.join(QLatin1Char(' '));
+}
+
+QStringList CatalogueServerFixture::Reply::column(const QString &arrayPath, const QString &key) const
+{
+    QStringList values;
+    for (const QJsonValue &record : at(arrayPath).toArray())
+        values.append(record.toObject().value(key).toVariant().toString());
+    return values;
+}
 
 CatalogueServerFixture::CatalogueServerFixture(bool seedDemo, const QStringList &administratorIds)
 {
@@ -46,13 +58,7 @@ CatalogueServerFixture::CatalogueServerFixture(bool seedDemo, const QStringList 
     network.setProxy(QNetworkProxy::NoProxy);
 }
 
-CatalogueServerFixture::~CatalogueServerFixture()
-{
-    if (process) {
-        process->kill();
-        process->waitForFinished(10000);
-    }
-}
+CatalogueServerFixture::~CatalogueServerFixture() = default;
 
 bool CatalogueServerFixture::start()
 {
@@ -63,10 +69,7 @@ bool CatalogueServerFixture::start()
 bool CatalogueServerFixture::startProcess(const QStringList &arguments,
                                           const QList<QPair<QString, QString>> &environment)
 {
-    if (process) {
-        process->kill();
-        process->waitForFinished(10000);
-    }
+    process.reset(); // QProcess kills and reaps a running program on destruction.
     process = std::make_unique<QProcess>();
     output.clear();
     process->setProcessChannelMode(QProcess::MergedChannels);
@@ -74,10 +77,8 @@ bool CatalogueServerFixture::startProcess(const QStringList &arguments,
     for (const auto &variable : environment)
         variables.insert(variable.first, variable.second);
     process->setProcessEnvironment(variables);
-    const QString program = qEnvironmentVariable("QUORIX_BINARY_DIR") + QStringLiteral("/bin/catalogue-server");
-    process->start(program, QStringList{QStringLiteral("--data-dir"), directory.path(), QStringLiteral("--port"),
-                                        QStringLiteral("0"), QStringLiteral("--dev-login")}
-                                    + arguments);
+    process->start(qEnvironmentVariable("QUORIX_BINARY_DIR") + "/bin/catalogue-server",
+                   QStringList{"--data-dir", directory.path(), "--port", "0", "--dev-login"} + arguments);
     static const QRegularExpression listening(QStringLiteral("listening on http://127\\.0\\.0\\.1:(\\d+)"));
     QDeadlineTimer deadline(30000);
     while (!deadline.hasExpired() && process->state() != QProcess::NotRunning) {
@@ -89,7 +90,7 @@ bool CatalogueServerFixture::startProcess(const QStringList &arguments,
             return true;
         }
     }
-    startError = QStringLiteral("catalogue-server did not start: ") + QString::fromUtf8(output);
+    startError = "catalogue-server did not start: " + QString::fromUtf8(output);
     return false;
 }
 
@@ -131,6 +132,22 @@ QByteArray CatalogueServerFixture::exchange(const QByteArray &raw, int waitMilli
     return received + socket.readAll();
 }
 
+QByteArray CatalogueServerFixture::png(int width, int height)
+{
+    QImage image(width, height, QImage::Format_RGB32);
+    image.fill(Qt::darkCyan);
+    QByteArray bytes;
+    QBuffer buffer(&bytes);
+    buffer.open(QIODevice::WriteOnly);
+    image.save(&buffer, "PNG");
+    return bytes;
+}
+
+QByteArray CatalogueServerFixture::reprDigest(const QByteArray &bytes)
+{
+    return "sha-256=:" + QCryptographicHash::hash(bytes, QCryptographicHash::Sha256).toBase64() + ':';
+}
+
 quint16 CatalogueServerFixture::port() const
 {
     return server ? server->port() : processPort;
@@ -143,17 +160,15 @@ QString CatalogueServerFixture::origin() const
 
 QString CatalogueServerFixture::apiUrl(const QString &path) const
 {
-    return origin() + QStringLiteral("/api/scripts/") + path;
+    return origin() + "/api/scripts/" + path;
 }
 
 QString CatalogueServerFixture::signIn(const QString &discordId, const QString &username, const QString &globalName)
 {
-    const QJsonObject body{{QStringLiteral("discord_id"), discordId},
-                           {QStringLiteral("username"), username},
-                           {QStringLiteral("global_name"), globalName}};
-    const Reply reply = send("POST", origin() + QStringLiteral("/api/auth/dev-login"), QJsonDocument(body).toJson(),
-                             {{"Content-Type", "application/json"}}, QString());
-    return reply.json.value(QStringLiteral("token")).toString();
+    const QJsonObject body{{"discord_id", discordId}, {"username", username}, {"global_name", globalName}};
+    return send("POST", origin() + "/api/auth/dev-login", QJsonDocument(body).toJson(),
+                {{"Content-Type", "application/json"}}, QString())
+            .text("token");
 }
 
 CatalogueServerFixture::Reply CatalogueServerFixture::get(const QString &path, const QString &token)
@@ -177,7 +192,7 @@ CatalogueServerFixture::Reply CatalogueServerFixture::postJson(const QString &pa
 
 CatalogueServerFixture::Reply CatalogueServerFixture::remove(const QString &path, const QString &token)
 {
-    return post(path + QStringLiteral("?_method=DELETE"), "_method=DELETE", token,
+    return post(path + "?_method=DELETE", "_method=DELETE", token,
                 {{"Content-Type", "application/x-www-form-urlencoded"}, {"X-HTTP-Method-Override", "DELETE"}});
 }
 
@@ -186,7 +201,18 @@ CatalogueServerFixture::Reply CatalogueServerFixture::upload(const QString &path
                                                              const QList<UploadFile> &files)
 {
     const QByteArray boundary = "----quorixTestBoundary7MA4YWxk";
-    return post(path, multipartBody(boundary, fields, files), token,
+    QByteArray body;
+    for (const auto &field : fields) {
+        body += "--" + boundary + "\r\nContent-Disposition: form-data; name=\"" + field.first.toUtf8() + "\"\r\n\r\n"
+                + field.second.toUtf8() + "\r\n";
+    }
+    for (const auto &file : files) {
+        body += "--" + boundary + "\r\nContent-Disposition: form-data; name=\"" + file.part.toUtf8() + "\"; filename=\""
+                + file.fileName.toUtf8() + "\"\r\nContent-Type: application/octet-stream\r\n\r\n" + file.content
+                + "\r\n";
+    }
+    body += "--" + boundary + "--\r\n";
+    return post(path, body, token,
                 {{"Content-Type", "multipart/form-data; boundary=" + boundary}});
 }
 
@@ -195,14 +221,11 @@ CatalogueServerFixture::Reply CatalogueServerFixture::uploadScript(const QString
                                                                    const QString &existingId)
 {
     QList<QPair<QString, QString>> fields{
-            {QStringLiteral("name"), QStringLiteral("Script ") + fileName},
-            {QStringLiteral("description"), QStringLiteral("A script uploaded by a test")},
-            {QStringLiteral("tags"), QStringLiteral("test,upload")}};
+            {"name", "Script " + fileName}, {"description", "A script uploaded by a test"}, {"tags", "test,upload"}};
     if (!existingId.isEmpty())
-        fields.append({QStringLiteral("existing_uuid"), existingId});
-    fields.append({QStringLiteral("version"), QStringLiteral("1")});
-    fields.append({QStringLiteral("visibility_type"), visibility});
-    return upload(QStringLiteral("upload"), token, fields, {{QStringLiteral("script_file"), fileName, content}});
+        fields.append({"existing_uuid", existingId});
+    fields += {{"version", "1"}, {"visibility_type", visibility}};
+    return upload("upload", token, fields, {{"script_file", fileName, content}});
 }
 
 CatalogueServerFixture::Reply CatalogueServerFixture::send(const QByteArray &method, const QString &url,
@@ -217,16 +240,13 @@ CatalogueServerFixture::Reply CatalogueServerFixture::send(const QByteArray &met
         request.setRawHeader("Authorization", "Bearer " + token.toUtf8());
     QNetworkReply *reply = network.sendCustomRequest(request, method, body);
     QEventLoop loop;
-    QTimer timeout;
-    timeout.setSingleShot(true);
     QObject::connect(reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);
-    QObject::connect(&timeout, &QTimer::timeout, &loop, &QEventLoop::quit);
-    timeout.start(replyTimeoutMilliseconds);
+    QTimer::singleShot(replyTimeoutMilliseconds, &loop, &QEventLoop::quit);
     loop.exec();
     Reply result;
+    reply->deleteLater();
     if (!reply->isFinished()) {
         reply->abort();
-        reply->deleteLater();
         return result;
     }
     result.status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt();
@@ -234,7 +254,6 @@ CatalogueServerFixture::Reply CatalogueServerFixture::send(const QByteArray &met
     for (const auto &pair : reply->rawHeaderPairs())
         result.headers.insert(pair.first.toLower(), pair.second);
     result.json = QJsonDocument::fromJson(result.body).object();
-    reply->deleteLater();
     return result;
 }
 

@@ -2,15 +2,11 @@
 
 #include <CatalogueServer.h>
 
-#include <QByteArray>
 #include <QHash>
+#include <QJsonArray>
 #include <QJsonObject>
-#include <QList>
 #include <QNetworkAccessManager>
-#include <QPair>
 #include <QProcess>
-#include <QString>
-#include <QStringList>
 #include <QTemporaryDir>
 
 #include <memory>
@@ -30,6 +26,14 @@ public:
         QJsonObject json;
         QHash<QByteArray, QByteArray> headers;
         QByteArray header(const QByteArray &name) const { return headers.value(name.toLower()); }
+        // The JSON value at a slash-separated path such as "data/pagination/total"; a number picks an array element.
+        QJsonValue at(const QString &path) const;
+        // That value as text: "5" for a count, "true" for a flag, "" when absent.
+        QString text(const QString &path) const { return at(path).toVariant().toString(); }
+        // Several such values, separated by spaces.
+        QString texts(const QStringList &paths) const;
+        // The key of every record in the array at the path, e.g. the names of a listing.
+        QStringList column(const QString &arrayPath, const QString &key) const;
     };
 
     struct UploadFile
@@ -74,6 +78,10 @@ public:
     // Uploads a script with valid metadata; the new ID is in json["data"]["id"].
     Reply uploadScript(const QString &token, const QString &fileName, const QByteArray &content,
                        const QString &visibility = QStringLiteral("public"), const QString &existingId = QString());
+
+    // A PNG picture of this size, and the Repr-Digest header value the server sends for these bytes.
+    static QByteArray png(int width, int height);
+    static QByteArray reprDigest(const QByteArray &bytes);
 
     // Writes raw bytes on a fresh connection and returns what comes back until the server closes it, a whole response
     // has arrived, or waitMilliseconds pass.
