@@ -199,7 +199,10 @@ private Q_SLOTS:
         QCOMPARE(server->remove(publicId, QString()).status, 401);
         QCOMPARE(status("details/" + publicId, {}), 200);
 
+        const QString file = server->dataDirectory() + "/files/" + publicId;
+        QVERIFY(QFile::exists(file));
         QCOMPARE(server->remove(publicId, tokens["author"]).text("data/id"), publicId);
+        QVERIFY(!QFile::exists(file));
         QCOMPARE(status("details/" + publicId, {}), 404);
         QCOMPARE(server->remove(lockedId, tokens["admin"]).text("data/id"), lockedId);
         QCOMPARE(server->remove(lockedId, tokens["admin"]).status, 404);

@@ -207,18 +207,6 @@ private Q_SLOTS:
         QCOMPARE(upload("hello").status, 400);
     }
 
-    void deletedResourcesLeaveNoFiles()
-    {
-        const QString id = server.uploadScript(author, "short-lived.gpc3", "bye").text("data/id");
-        const QString file = server.dataDirectory() + "/files/" + id;
-        QVERIFY(QFile::exists(file));
-        const auto reply = server.remove(id, author);
-        QCOMPARE(reply.status, 200);
-        QCOMPARE(reply.text("data/id"), id);
-        QVERIFY(!QFile::exists(file));
-        QCOMPARE(server.get("details/" + id).status, 404);
-    }
-
     void demoSeedFillsAnEmptyCatalogueOnce()
     {
         CatalogueServerFixture seeded(true);
