@@ -49,20 +49,16 @@ private Q_SLOTS:
     void listPagesCarryPaginationAndRecordKeys()
     {
         const auto first = server.get("?page=1&limit=2&sort=oldest");
-        QCOMPARE(first.status, 200);
         QCOMPARE(first.texts({"success", "pagination/current_page", "pagination/total_pages",
                               "pagination/total_scripts"}),
                  "true 1 3 5");
         QCOMPARE(first.column("scripts", "id"), ids.mid(0, 2));
-        const QJsonObject record = first.at("scripts/0").toObject();
-        QCOMPARE(record.value("type").toString(), "gpc3");
-        QCOMPARE(record.value("tags").toArray(), QJsonArray({"test", "upload"}));
-        QCOMPARE(record.value("version").toDouble(), 1.0);
-        QCOMPARE(record.value("visibility_type").toString(), "public");
-        QCOMPARE(record.value("can_download").toBool(), true);
-        QVERIFY(QDateTime::fromString(record.value("created").toString(), Qt::ISODate).isValid());
-        QCOMPARE(first.texts({"scripts/0/author/discord_id", "scripts/0/author/username", "scripts/0/author/name"}),
-                 authorId + " author The Author");
+        const QString r = "scripts/0/";
+        QCOMPARE(first.texts({r + "type", r + "version", r + "visibility_type", r + "can_download",
+                              r + "author/discord_id", r + "author/username", r + "author/name"}),
+                 "gpc3 1 public true " + authorId + " author The Author");
+        QCOMPARE(first.at(r + "tags").toArray(), QJsonArray({"test", "upload"}));
+        QVERIFY(QDateTime::fromString(first.text(r + "created"), Qt::ISODate).isValid());
 
         const auto last = server.get("?page=3&limit=2&sort=oldest");
         QCOMPARE(last.column("scripts", "id"), ids.mid(4));
@@ -116,10 +112,8 @@ private Q_SLOTS:
     {
         const QString target = ids.at(1);
         const auto details = server.get("details/" + target);
-        QCOMPARE(details.status, 200);
         QCOMPARE(details.text("data/views"), "1");
         const auto download = server.get("download/" + target);
-        QCOMPARE(download.status, 200);
         QCOMPARE(download.body, "content of bravo.gbc3");
         QCOMPARE(download.header("content-disposition"), "attachment; filename=\"bravo.gbc3\"");
         QCOMPARE(download.header("repr-digest"), server.reprDigest(download.body));
@@ -142,7 +136,6 @@ private Q_SLOTS:
                                            {"version", "2.5"},
                                            {"visibility_type", "public"}},
                                           {{"script_file", "echo.py", "print('v2')\n"}});
-        QCOMPARE(update.status, 200);
         QCOMPARE(update.text("data/id"), ids.at(4));
         const auto record = server.get("details/" + ids.at(4));
         QCOMPARE(record.texts({"data/name", "data/version"}), "Echo Two 2.5");
@@ -162,7 +155,6 @@ private Q_SLOTS:
         const auto reply = server.upload("upload", author,
                                          {{"name", "GPU environment"}, {"description", "Torch with CUDA wheels"}},
                                          {{"script_file", "gpu.qenv", qenv}});
-        QCOMPARE(reply.status, 200);
         const QString id = reply.text("data/id");
         QCOMPARE(server.get(QString()).text("pagination/total_scripts"), "5");
         const auto list = server.get("qenv/list");
@@ -178,7 +170,6 @@ private Q_SLOTS:
                                             {"description", "Finds things in frames"},
                                             {"encrypted", "1"}},
                                            {{"onnx_file", "detector.onnx", model}});
-        QCOMPARE(weights.status, 200);
         const QString weightsId = weights.text("data/id");
         const auto record = server.get("onnx/details/" + weightsId);
         QCOMPARE(record.texts({"data/is_encrypted", "data/size"}), "true 300000");
@@ -197,7 +188,6 @@ private Q_SLOTS:
                                  {{"script_file", "pictured.gpc3", "main {}"}, {"header_image", "header.png", image}});
         };
         const auto reply = upload(picture);
-        QCOMPARE(reply.status, 200);
         const QString header = reply.text("data/images/header/url");
         QVERIFY2(header.startsWith(server.origin() + "/images/" + reply.text("data/id") + "/header?key="),
                  qPrintable(header));
