@@ -209,6 +209,9 @@ void TestE2eCatalogue::likesToggleAndFeedTheLikedList()
     QCOMPARE(likedBy(second.get()), QStringList{id});
     OnlineResourcesAPI visitor;
     QVERIFY(!toggle(&visitor).error.isEmpty());
+    const Outcome details
+            = await(&visitor, &OnlineResourcesAPI::scriptDetailsLoaded, [&] { visitor.fetchScriptDetails(id); });
+    QCOMPARE(text(details.first().toJsonObject(), "likes"), QStringLiteral("1"));
 }
 
 void TestE2eCatalogue::publishingUpdatesOnlyOwnScriptsAndDownloadsTheLatest()
