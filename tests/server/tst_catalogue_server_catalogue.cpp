@@ -118,36 +118,22 @@ private Q_SLOTS:
         QCOMPARE(server.get("download/" + ids.first()).body, "content of alpha.gpc3");
     }
 
-    void environmentsAndWeightsHaveTheirOwnLists()
+    void environmentsAndWeightsHaveTheirOwnRoutes()
     {
-        const QByteArray qenv = R"({"name": "GPU", "python": "3.11", "packages": ["torch==2.2.1", "numpy"],
-            "extra_index_urls": ["https://download.pytorch.org/whl/cu121"]})";
-        const auto reply = server.upload("upload", author,
-                                         {{"name", "GPU environment"}, {"description", "Torch with CUDA wheels"}},
-                                         {{"script_file", "gpu.qenv", qenv}});
-        const QString id = reply.text("data/id");
-        QCOMPARE(server.get(QString()).text("pagination/total_scripts"), "5");
-        const auto list = server.get("qenv/list");
-        QCOMPARE(list.texts({"pagination/total_environments", "environments/0/id"}), "1 " + id);
-        const QString metadata = "environments/0/qenv_metadata/";
-        QCOMPARE(list.texts({metadata + "python", metadata + "package_count", metadata + "cuda"}), "3.11 2 12.1");
-        QCOMPARE(server.get("qenv/download/" + id).body, qenv);
-        QCOMPARE(check("gpu.qenv", "qenv", author).text("data/id"), id);
+        const auto environment = server.upload("upload", author, {{"name", "GPU"}, {"description", "Torch and CUDA"}},
+                                               {{"script_file", "gpu.qenv", R"({"name": "gpu", "python": "3.11"})"}});
+        QCOMPARE(server.get("qenv/list").column("environments", "id"), QStringList{environment.text("data/id")});
+        QCOMPARE(check("gpu.qenv", "qenv", author).text("data/id"), environment.text("data/id"));
 
         const QByteArray model(300000, '\x07');
-        const auto weights = server.upload("onnx/upload", author,
-                                           {{"name", "Detector"},
-                                            {"description", "Finds things in frames"},
-                                            {"encrypted", "1"}},
-                                           {{"onnx_file", "detector.onnx", model}});
-        const QString weightsId = weights.text("data/id");
-        const auto record = server.get("onnx/details/" + weightsId);
-        QCOMPARE(record.texts({"data/is_encrypted", "data/size"}), "true 300000");
-        const auto download = server.get("onnx/download/" + weightsId);
+        const QString id = server.upload("onnx/upload", author,
+                                         {{"name", "Detector"}, {"description", "Finds things"}, {"encrypted", "1"}},
+                                         {{"onnx_file", "detector.onnx", model}})
+                                   .text("data/id");
+        QCOMPARE(server.get("onnx/details/" + id).text("data/is_encrypted"), "true");
+        const auto download = server.get("onnx/download/" + id);
         QCOMPARE(download.header("content-disposition"), "attachment; filename=\"detector.ennx\"");
-        QCOMPARE(download.body, model);
         QCOMPARE(download.header("repr-digest"), server.reprDigest(model));
-        QCOMPARE(server.get("onnx/list").column("weights", "id"), QStringList{weightsId});
     }
 
     void headerImagesAreServedByIdWithThumbnails()
