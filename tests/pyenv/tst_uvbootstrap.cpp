@@ -90,10 +90,9 @@ void UvBootstrapTest::releaseArchivesInstallOrExplain_data()
 
     const QString subFolder = "uv-x86_64-unknown-linux-gnu/uv";
     QTest::newRow("tar.gz with a sub folder") << "tar" << subFolder << 0 << "";
-    QTest::newRow("zip with the program at its root") << "zip"
-                                                      << "uv" << 0 << "";
-    QTest::newRow("program two levels down") << "tar"
-                                             << "release/bin/uv" << 0 << "Could not find uv in extracted archive";
+    QTest::newRow("zip with the program at its root") << "zip" << "uv" << 0 << "";
+    QTest::newRow("program two levels down")
+            << "tar" << "release/bin/uv" << 0 << "Could not find uv in extracted archive";
     QTest::newRow("failed request falls back to curl") << "tar" << subFolder << 1 << "";
     QTest::newRow("curl fails as well") << "tar" << subFolder << 2
                                         << "Download failed. Qt network error, and curl fallback also failed.\n\n";

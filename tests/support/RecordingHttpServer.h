@@ -18,29 +18,28 @@ namespace Quorix::Testing {
 
 using HttpHeaders = QList<QPair<QByteArray, QByteArray>>;
 
-// One request exactly as it came off the wire.
+// One request exactly as it came off the wire; the body is de-chunked when it was sent chunked.
 struct RecordedRequest
 {
     QByteArray requestLine; // "POST /api/scripts/upload HTTP/1.1"
     QByteArray method;
     QByteArray target; // path and query, still percent-encoded
     HttpHeaders headers; // in the order received, names as sent
-    QByteArray body; // de-chunked when sent chunked
+    QByteArray body;
 
-    QString path() const; // decoded path without the query
+    QString path() const; // decoded, without the query
     QUrlQuery query() const;
     bool hasHeader(const QByteArray &name) const; // names compare case-insensitively
     QByteArray header(const QByteArray &name) const; // first value, empty when absent
 };
 
-// One scripted answer. Built with the factories and refined with the with... calls, e.g.
-// ScriptedResponse::json({{"success", true}}).withDelay(200) or ScriptedResponse::bytes(data).stallingAfter(10).
+// One scripted answer, e.g. ScriptedResponse::json({{"success", true}}).withDelay(200).
 struct ScriptedResponse
 {
     enum class Ending {
-        Complete, // the whole response is sent and the connection stays open for the next request
-        Stall, // the first cutAfter bytes of the response are sent, then nothing, with the connection left open
-        Drop, // the first cutAfter bytes of the response are sent, then the connection is closed
+        Complete, // everything is sent and the connection stays open for the next request
+        Stall, // the first cutAfter bytes are sent, then nothing, with the connection left open
+        Drop, // the first cutAfter bytes are sent, then the connection is closed
     };
 
     int status = 200;
@@ -48,7 +47,7 @@ struct ScriptedResponse
     QByteArray body;
     int delayMs = 0;
     Ending ending = Ending::Complete;
-    qsizetype cutAfter = 0; // bytes of the serialised response (status line, headers and body) sent before the end
+    qsizetype cutAfter = 0; // bytes of the serialised response sent before the end
     QByteArray raw; // when set, sent instead of status, headers and body: for answers that are not HTTP at all
 
     static ScriptedResponse json(const QJsonObject &object, int status = 200);
@@ -56,17 +55,15 @@ struct ScriptedResponse
     static ScriptedResponse bytes(const QByteArray &body, const QByteArray &contentType = "application/octet-stream",
                                   int status = 200);
     static ScriptedResponse redirect(const QUrl &location, int status = 302);
-    // Closes the connection as soon as the request has arrived, without a byte of answer. A client may retry a
-    // request whose connection closed before any answer, so give drops as a rule rather than a queued answer.
+    // Closes the connection without a byte of answer. A client may retry such a request, so give drops as a rule.
     static ScriptedResponse dropped();
     // Exactly these bytes, then the connection is closed.
     static ScriptedResponse rawBytes(const QByteArray &bytes);
 
     ScriptedResponse withHeader(const QByteArray &name, const QByteArray &value) const;
     ScriptedResponse withDelay(int milliseconds) const;
-    // The headers and the first bodyBytes of the body go out, then the connection goes silent.
+    // The headers and the first bodyBytes of the body go out, then the connection goes silent or is closed.
     ScriptedResponse stallingAfter(qsizetype bodyBytes) const;
-    // The headers and the first bodyBytes of the body go out, then the connection is closed.
     ScriptedResponse droppingAfter(qsizetype bodyBytes) const;
 
     // Status line, headers (Content-Length added unless given) and body, as they go on the wire.
@@ -74,10 +71,9 @@ struct ScriptedResponse
     qsizetype headerSize() const;
 };
 
-// An HTTP/1.1 server on 127.0.0.1 for byte-exact tests of a client. It records every request and answers from a
-// script: a rule for a path wins, then the queue (first in, first out), then the default response (404 unless set).
-// It lives on the test's thread, so the test must spin the event loop (QSignalSpy::wait, QTRY_..., or
-// waitForRequests) while the client talks to it.
+// An HTTP/1.1 server on 127.0.0.1 that records every request and answers from a script: a rule for a path wins,
+// then the queue (first in, first out), then the default response (404 unless set). It lives on the test's
+// thread, so the test must spin the event loop while the client talks to it.
 class RecordingHttpServer : public QObject
 {
     Q_OBJECT
@@ -86,50 +82,39 @@ public:
     explicit RecordingHttpServer(QObject *parent = nullptr);
     ~RecordingHttpServer() override;
 
-    // Port 0 picks a free port; listening again on the previous port after close() is how a test makes a known
-    // address refuse and then accept connections again.
+    // Port 0 picks a free port; listening again on the previous port after close() makes a known address refuse
+    // and then accept connections again.
     bool listen(quint16 port = 0);
-    // Stops accepting and closes every open connection, so the port refuses until the next listen().
+    // Stops accepting and closes every open connection.
     void close();
-    quint16 port() const;
-    // "http://127.0.0.1:<port>", without a trailing slash.
-    QString origin() const;
-    QUrl url(const QString &pathAndQuery = QStringLiteral("/")) const;
+    quint16 port() const { return lastPort; }
+    QString origin() const; // "http://127.0.0.1:<port>"
+    QUrl url(const QString &pathAndQuery = QStringLiteral("/")) const { return QUrl(origin() + pathAndQuery); }
 
-    void enqueue(const ScriptedResponse &response);
-    // Answers every request whose decoded path equals path, as long as the rule stands.
-    void setRule(const QString &path, const ScriptedResponse &response);
-    void setDefaultResponse(const ScriptedResponse &response);
+    void enqueue(const ScriptedResponse &response) { queue.enqueue(response); }
+    // Answers every request whose decoded path equals path.
+    void setRule(const QString &path, const ScriptedResponse &response) { rules.insert(path, response); }
+    void setDefaultResponse(const ScriptedResponse &response) { defaultResponse = response; }
     // Forgets requests, queue, rules and the default, and closes open connections.
     void reset();
 
     // Client connections still open; a client that gives up on a stalled answer shows here by closing its own.
-    int openConnectionCount() const;
+    int openConnectionCount() const { return int(connections.size()); }
 
-    QList<RecordedRequest> requests() const;
-    int requestCount() const;
-    RecordedRequest lastRequest() const;
+    QList<RecordedRequest> requests() const { return recorded; }
+    int requestCount() const { return int(recorded.size()); }
+    RecordedRequest lastRequest() const { return recorded.value(recorded.size() - 1); }
     // Spins the event loop until at least count requests have arrived or timeoutMs has passed.
     bool waitForRequests(int count, int timeoutMs = 5000) const;
 
-private slots:
-    void onNewConnection();
-
 private:
-    struct Connection
-    {
-        QByteArray buffer;
-    };
-
+    void onNewConnection();
     void onSocketReadyRead(QTcpSocket *socket);
-    // Takes one complete request off the front of buffer; false while it is incomplete.
-    static bool takeRequest(QByteArray &buffer, RecordedRequest &request);
-    ScriptedResponse responseFor(const RecordedRequest &request);
     void answer(QTcpSocket *socket, const ScriptedResponse &response);
 
     QTcpServer server;
     quint16 lastPort = 0;
-    QHash<QTcpSocket *, Connection> connections;
+    QHash<QTcpSocket *, QByteArray> connections; // what each connection sent that is not a whole request yet
     QList<RecordedRequest> recorded;
     QQueue<ScriptedResponse> queue;
     QHash<QString, ScriptedResponse> rules;

@@ -22,14 +22,4 @@ TemporaryHome::~TemporaryHome()
     qputenv("HOME", previousHome);
 }
 
-QString TemporaryHome::path() const
-{
-    return directory.path();
-}
-
-QString TemporaryHome::filePath(const QString &relative) const
-{
-    return directory.filePath(relative);
-}
-
 } // namespace Quorix::Testing

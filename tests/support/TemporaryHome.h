@@ -6,8 +6,8 @@
 
 namespace Quorix::Testing {
 
-// Isolates a test from the user's files: standard paths switch to test mode and the working directory
-// (where the host keeps "quorix_settings.ini") becomes a fresh temporary folder until destruction.
+// Isolates a test from the user's files: HOME and the working directory (where the host keeps
+// "quorix_settings.ini") become a fresh temporary folder until destruction, and standard paths switch to test mode.
 class TemporaryHome
 {
 public:
@@ -17,8 +17,8 @@ public:
     TemporaryHome(const TemporaryHome &) = delete;
     TemporaryHome &operator=(const TemporaryHome &) = delete;
 
-    QString path() const;
-    QString filePath(const QString &relative) const;
+    QString path() const { return directory.path(); }
+    QString filePath(const QString &relative) const { return directory.filePath(relative); }
 
 private:
     QTemporaryDir directory;

@@ -4,13 +4,14 @@
 #include "TestFiles.h"
 
 #include "api/OnlineResourcesAPI.h"
+#include "publish/ScriptSelectionDialog.h"
 #include "publish/UploadDialog.h"
 
 #include <QDir>
 #include <QImage>
+#include <QJsonDocument>
 #include <QLabel>
 #include <QLineEdit>
-#include <QProgressBar>
 #include <QPushButton>
 #include <QSignalSpy>
 #include <QTest>
@@ -22,6 +23,11 @@ using namespace Quorix;
 using namespace Quorix::Testing;
 
 namespace {
+
+const QString checkPath = QStringLiteral("/api/scripts/check-existing");
+const QString errorStyle = QStringLiteral("QLabel { color: #ff8844; }");
+const QString unreachable
+        = QStringLiteral("Unable to connect to server. Please check your connection and try again later.");
 
 // The value of one text field of a form-data body; a null array when the field was not sent.
 QByteArray formField(const QByteArray &body, const QByteArray &name)
@@ -39,16 +45,35 @@ ScriptedResponse uploaded(const QString &id, int delayMs = 0)
     return ScriptedResponse::json({{"success", true}, {"data", QJsonObject{{"id", id}}}}).withDelay(delayMs);
 }
 
+template<typename T = QWidget>
+T *child(QWidget *dialog, const char *name)
+{
+    return dialog->findChild<T *>(QLatin1String(name));
+}
+
+QString text(QWidget *dialog, const char *name)
+{
+    return child<QLabel>(dialog, name) ? child<QLabel>(dialog, name)->text() : child<QPushButton>(dialog, name)->text();
+}
+
 } // namespace
 
-// The publishing form on its own: what it sends, what it accepts, and how an upload ends.
-class UploadDialogTest : public QObject
+// The two windows of publishing on their own: choosing the file (size limits, and whether the server already
+// holds it), and the form (what it sends, what it accepts, and how an upload ends).
+class PublishDialogsTest : public QObject
 {
     Q_OBJECT
 
     TemporaryHome home;
     std::unique_ptr<OnlineResourcesAPI> api;
     RecordingHttpServer server;
+
+    // Sparse: the sizes that matter here are far larger than what is worth writing.
+    QString makeFile(const QString &name, qint64 size)
+    {
+        QFile file(home.filePath(name));
+        return file.open(QIODevice::WriteOnly) && file.resize(size) ? file.fileName() : QString();
+    }
 
     QString writeFile(const QString &name, const QByteArray &content)
     {
@@ -60,6 +85,16 @@ class UploadDialogTest : public QObject
         QImage image(110, 56, QImage::Format_RGB32);
         image.fill(Qt::darkCyan);
         return image.save(home.filePath(name), format) ? home.filePath(name) : QString();
+    }
+
+    std::unique_ptr<ScriptSelectionDialog> makeSelection(const QString &presetPath = {})
+    {
+        auto dialog = std::make_unique<ScriptSelectionDialog>(api.get());
+        dialog->setStartDirectory(home.path());
+        if (!presetPath.isEmpty())
+            dialog->presetPath(presetPath);
+        dialog->show();
+        return dialog;
     }
 
     std::unique_ptr<UploadDialog> makeForm(const QString &filePath)
@@ -74,22 +109,15 @@ class UploadDialogTest : public QObject
         return form;
     }
 
-    template<typename T = QWidget>
-    static T *child(QWidget *dialog, const char *name)
-    {
-        return dialog->findChild<T *>(QLatin1String(name));
-    }
-
     // Clicks Upload and waits for the outcome; returns the new ID, or the failure text prefixed with "!".
-    QString upload(UploadDialog *form, int timeoutMs = 5000)
+    static QString upload(UploadDialog *form)
     {
         QSignalSpy completed(form, &UploadDialog::uploadCompleted);
         QSignalSpy failed(form, &UploadDialog::uploadFailed);
         child<QPushButton>(form, "uploadButton")->click();
-        if (!QTest::qWaitFor([&] { return !completed.isEmpty() || !failed.isEmpty(); }, timeoutMs))
+        if (!QTest::qWaitFor([&] { return !completed.isEmpty() || !failed.isEmpty(); }, 5000))
             return "!no outcome";
-        return completed.isEmpty() ? "!" + child<QLabel>(form, "errorLabel")->text()
-                                   : completed.first().first().toString();
+        return completed.isEmpty() ? "!" + text(form, "errorLabel") : completed.first().first().toString();
     }
 
 private slots:
@@ -101,8 +129,153 @@ private slots:
 
     void init()
     {
+        // A fresh client per test, so that a request left hanging by one test cannot fail the next one's check.
         api = std::make_unique<OnlineResourcesAPI>();
         server.reset();
+    }
+
+    void presetPathIsCheckedAgainstItsLimit_data()
+    {
+        QTest::addColumn<QString>("fileName");
+        QTest::addColumn<qint64>("size");
+        QTest::addColumn<QString>("refusal");
+        QTest::addColumn<QString>("checkedType");
+        const QString tooLarge = "File must be less than %1.";
+        QTest::newRow("script at the limit") << "limit.gpc3" << qint64(10485760) << "" << "gpc3";
+        QTest::newRow("script one byte over") << "over.gpc3" << qint64(10485761) << tooLarge.arg("10MB") << "";
+        QTest::newRow("environment of 20 MB") << "env.qenv" << qint64(20971520) << tooLarge.arg("10MB") << "";
+        QTest::newRow("weights in capitals, 20 MB") << "MODEL.ONNX" << qint64(20971520) << "" << "onnx";
+        QTest::newRow("weights one byte over") << "huge.onnx" << qint64(524288001) << tooLarge.arg("500MB") << "";
+        QTest::newRow("missing file") << "missing.py" << qint64(-1) << "File not found: %1" << "";
+    }
+
+    void presetPathIsCheckedAgainstItsLimit()
+    {
+        QFETCH(QString, fileName);
+        QFETCH(qint64, size);
+        QFETCH(QString, refusal);
+        QFETCH(QString, checkedType);
+        server.setRule(checkPath, ScriptedResponse::json({{"success", true}, {"exists", false}}));
+        const QString path = size < 0 ? home.filePath(fileName) : makeFile(fileName, size);
+        auto dialog = makeSelection(path);
+        QVERIFY(child(dialog.get(), "statusLabel")->isVisible());
+        QVERIFY(!child(dialog.get(), "proceedButton")->isEnabled());
+        QCOMPARE(child<QLineEdit>(dialog.get(), "pathEdit")->text(), refusal.isEmpty() ? path : QString());
+        if (!refusal.isEmpty()) {
+            QCOMPARE(text(dialog.get(), "statusLabel"), QString(refusal).replace("%1", path));
+            QCOMPARE(child(dialog.get(), "statusLabel")->styleSheet(), errorStyle);
+            QVERIFY(!server.waitForRequests(1, 300));
+            return;
+        }
+        QCOMPARE(text(dialog.get(), "statusLabel"), "Checking for existing script...");
+        QVERIFY(server.waitForRequests(1));
+        const QJsonObject body = QJsonDocument::fromJson(server.lastRequest().body).object();
+        QCOMPARE(body, (QJsonObject{{"name", fileName}, {"script_type", checkedType}}));
+        QTRY_COMPARE(text(dialog.get(), "statusLabel"), "This will be uploaded as a new script.");
+    }
+
+    void checkReplyDecidesUpdateOrNew_data()
+    {
+        QTest::addColumn<QByteArray>("reply");
+        QTest::addColumn<int>("status");
+        QTest::addColumn<QStringList>("shown"); // status text, its style, the proceed button's text
+        QTest::addColumn<QString>("existingId");
+        const QStringList newScript{"This will be uploaded as a new script.", "QLabel { color: #44aa44; }",
+                                    "Upload New"};
+        QTest::newRow("found") << QByteArray(R"({"success":true,"exists":true,"data":{"id":"abc-1","name":"Aim"}})")
+                               << 200
+                               << QStringList{"This script already exists. Proceeding will update it.",
+                                              "QLabel { color: #4488ff; font-weight: bold; }", "Update Script"}
+                               << "abc-1";
+        QTest::newRow("success without exists") << QByteArray(R"({"success":true,"exists":false})") << 200 << newScript
+                                                << "";
+        QTest::newRow("exists without success")
+                << QByteArray(R"({"success":false,"exists":true,"data":{"id":"abc-1"}})") << 200 << newScript << "";
+        QTest::newRow("server error") << QByteArray(R"({"success":false,"error":"boom"})") << 500
+                                      << QStringList{unreachable, errorStyle, "Upload"} << "";
+    }
+
+    void checkReplyDecidesUpdateOrNew()
+    {
+        QFETCH(QByteArray, reply);
+        QFETCH(int, status);
+        QFETCH(QStringList, shown);
+        QFETCH(QString, existingId);
+        server.setRule(checkPath, ScriptedResponse::rawJson(reply, status));
+        const QString path = makeFile("aim.gpc3", 100);
+        auto dialog = std::make_unique<ScriptSelectionDialog>(api.get());
+        QSignalSpy completed(dialog.get(), &ScriptSelectionDialog::checkCompleted);
+        QSignalSpy selected(dialog.get(), &ScriptSelectionDialog::scriptSelected);
+        QSignalSpy found(dialog.get(), &ScriptSelectionDialog::existingScriptFound);
+        dialog->presetPath(path);
+        dialog->show();
+        QVERIFY(completed.wait());
+        auto *proceed = child<QPushButton>(dialog.get(), "proceedButton");
+        QCOMPARE((QStringList{text(dialog.get(), "statusLabel"), child(dialog.get(), "statusLabel")->styleSheet(),
+                              proceed->text()}),
+                 shown);
+        QVERIFY(child(dialog.get(), "browseButton")->isEnabled());
+        QCOMPARE(proceed->isEnabled(), status == 200);
+        if (status != 200)
+            return;
+        proceed->click();
+        QCOMPARE(dialog->result(), int(QDialog::Accepted));
+        QCOMPARE(selected, QList<QVariantList>{{path}});
+        QCOMPARE(found.size(), existingId.isEmpty() ? 0 : 1);
+        QCOMPARE(dialog->existingRecord().value("id").toString(), existingId);
+    }
+
+    void replyAfterTheTimeoutIsIgnored()
+    {
+        const int limit = ScriptSelectionDialog::checkTimeoutMilliseconds;
+        server.setRule(checkPath, ScriptedResponse::json(
+                                          {{"success", true}, {"exists", true}, {"data", QJsonObject{{"id", "late"}}}})
+                                          .withDelay(limit + 700));
+        QSignalSpy checked(api.get(), &OnlineResourcesAPI::existingScriptChecked);
+        auto dialog = makeSelection(makeFile("slow.py", 10));
+        QSignalSpy completed(dialog.get(), &ScriptSelectionDialog::checkCompleted);
+        QSignalSpy selected(dialog.get(), &ScriptSelectionDialog::scriptSelected);
+        // Proceeding while the check runs does nothing.
+        QVERIFY(server.waitForRequests(1));
+        dialog->onProceedClicked();
+        QVERIFY(dialog->isVisible() && selected.isEmpty());
+        QCOMPARE(text(dialog.get(), "statusLabel"), "Checking for existing script...");
+        QVERIFY(completed.wait(limit + 500));
+        QCOMPARE(text(dialog.get(), "statusLabel"), unreachable);
+        QVERIFY(checked.wait(3000));
+        QCOMPARE(completed.size(), 1);
+        QCOMPARE(text(dialog.get(), "statusLabel"), unreachable);
+        QVERIFY(!child(dialog.get(), "proceedButton")->isEnabled());
+        QVERIFY(dialog->existingRecord().isEmpty());
+    }
+
+    void showingAgainResetsUnlessPreset()
+    {
+        server.setRule(checkPath, ScriptedResponse::json(
+                                          {{"success", true}, {"exists", true}, {"data", QJsonObject{{"id", "x"}}}}));
+        const QString path = makeFile("again.gpc3", 10);
+        auto browsed = makeSelection();
+        ModalAnswerer chooser;
+        chooser.chooseFile(path);
+        QSignalSpy completed(browsed.get(), &ScriptSelectionDialog::checkCompleted);
+        browsed->onBrowseClicked();
+        QVERIFY(completed.wait());
+        QVERIFY(!browsed->existingRecord().isEmpty());
+        browsed->hide();
+        browsed->show();
+        QCOMPARE(child<QLineEdit>(browsed.get(), "pathEdit")->text(), QString());
+        QVERIFY(child(browsed.get(), "statusLabel")->isHidden());
+        QCOMPARE(text(browsed.get(), "proceedButton"), "Proceed");
+        QVERIFY(!child(browsed.get(), "proceedButton")->isEnabled());
+        QVERIFY(browsed->existingRecord().isEmpty() && browsed->selectedPath().isEmpty());
+
+        auto preset = makeSelection(path);
+        QSignalSpy presetCompleted(preset.get(), &ScriptSelectionDialog::checkCompleted);
+        QVERIFY(presetCompleted.wait());
+        preset->hide();
+        preset->show();
+        QCOMPARE(preset->selectedPath(), path);
+        QCOMPARE(text(preset.get(), "proceedButton"), "Update Script");
     }
 
     void shortNameOrDescriptionHoldsUploadBack_data()
@@ -110,10 +283,11 @@ private slots:
         QTest::addColumn<QString>("name");
         QTest::addColumn<QString>("description");
         QTest::addColumn<QString>("status");
+        const QString shortName = "Name must be at least 3 characters";
         QTest::newRow("three characters") << "Aim" << "Ten chars." << "Ready to upload";
-        QTest::newRow("two characters") << "Ai" << "Ten chars." << "Name must be at least 3 characters";
-        QTest::newRow("spaces do not count") << "  Ai  " << "Ten chars." << "Name must be at least 3 characters";
-        QTest::newRow("nine characters of description") << "Aim" << "Nine char" << "Description must be at least 10 characters";
+        QTest::newRow("two characters") << "Ai" << "Ten chars." << shortName;
+        QTest::newRow("spaces do not count") << "  Ai  " << "Ten chars." << shortName;
+        QTest::newRow("short description") << "Aim" << "Nine char" << "Description must be at least 10 characters";
     }
 
     void shortNameOrDescriptionHoldsUploadBack()
@@ -124,7 +298,7 @@ private slots:
         auto form = makeForm(writeFile("gate.gpc3", "main {}"));
         child<QLineEdit>(form.get(), "nameEdit")->setText(name);
         child<QTextEdit>(form.get(), "descriptionEdit")->setPlainText(description);
-        QCOMPARE(child<QLabel>(form.get(), "statusLabel")->text(), status);
+        QCOMPARE(text(form.get(), "statusLabel"), status);
         QCOMPARE(child(form.get(), "uploadButton")->isEnabled(), status == QLatin1String("Ready to upload"));
     }
 
@@ -168,7 +342,7 @@ private slots:
         version->clear();
         QTest::keyClicks(version, typed);
         QCOMPARE(version->text(), shown);
-        QCOMPARE(child<QLabel>(form.get(), "versionAuthorLabel")->text(), QString("v%1 • Today by Ada").arg(shown));
+        QCOMPARE(text(form.get(), "versionAuthorLabel"), QString("v%1 • Today by Ada").arg(shown));
     }
 
     void imagePickerRules_data()
@@ -277,8 +451,8 @@ private slots:
         QVERIFY2(result.startsWith("!Upload failed: ") && result.contains(outcome), qPrintable(result));
         // The form stays as it was, ready for another try.
         QVERIFY(form->isVisible() && child(form.get(), "errorLabel")->isVisible());
-        QCOMPARE(child<QLabel>(form.get(), "statusLabel")->text(), "Ready to upload");
-        QCOMPARE(child<QPushButton>(form.get(), "uploadButton")->text(), "Upload");
+        QCOMPARE(text(form.get(), "statusLabel"), "Ready to upload");
+        QCOMPARE(text(form.get(), "uploadButton"), "Upload");
         QVERIFY(child(form.get(), "uploadButton")->isEnabled() && child(form.get(), "nameEdit")->isEnabled());
         QVERIFY(child(form.get(), "progressBar")->isHidden());
         QCOMPARE((QStringList{child<QLineEdit>(form.get(), "nameEdit")->text(),
@@ -302,7 +476,7 @@ private slots:
         api->toggleLike("other");
         QVERIFY(clientErrors.wait());
         QVERIFY(child(form.get(), "errorLabel")->isHidden());
-        QCOMPARE(child<QPushButton>(form.get(), "uploadButton")->text(), "Uploading...");
+        QCOMPARE(text(form.get(), "uploadButton"), "Uploading...");
         QVERIFY(completed.wait());
         QCOMPARE(completed.first().first().toString(), "after-noise");
     }
@@ -320,7 +494,7 @@ private slots:
         QCOMPARE((QStringList{keepGoing.seenTitle(), keepGoing.seenText()}),
                  (QStringList{"Cancel Upload", "Upload in progress. Are you sure you want to cancel?"}));
         QVERIFY(form->isVisible() && rejected.isEmpty());
-        QCOMPARE(child<QPushButton>(form.get(), "uploadButton")->text(), "Uploading...");
+        QCOMPARE(text(form.get(), "uploadButton"), "Uploading...");
         QVERIFY(!child(form.get(), "nameEdit")->isEnabled());
         ModalAnswerer stop;
         stop.pressButton(QMessageBox::Yes);
@@ -330,5 +504,5 @@ private slots:
     }
 };
 
-QTEST_MAIN(UploadDialogTest)
-#include "tst_upload_dialog.moc"
+QTEST_MAIN(PublishDialogsTest)
+#include "tst_publish_dialogs.moc"
