@@ -150,64 +150,48 @@ QDialog *uploadForm(const DialogContext &context, const QString &fileName)
     return form;
 }
 
-// Widgets a user works with; each must be reachable with Tab as well as with the pointer.
-bool isControl(const QWidget *widget)
-{
-    return qobject_cast<const QAbstractButton *>(widget) || qobject_cast<const QLineEdit *>(widget)
-           || qobject_cast<const QComboBox *>(widget) || qobject_cast<const QAbstractSpinBox *>(widget)
-           || (qobject_cast<const QAbstractItemView *>(widget) && !widget->inherits("QHeaderView"))
-           || qobject_cast<const QTextEdit *>(widget);
-}
-
-QStringList pointerOnlyControls(QWidget *window)
+// The visible widgets of a window that match, as "objectName class" so that a failure points at them.
+QStringList visibleWhere(QWidget *window, const std::function<bool(QWidget *)> &matches)
 {
     QStringList found;
-    const QList<QWidget *> widgets = window->findChildren<QWidget *>();
-    for (QWidget *widget : widgets) {
-        if (isControl(widget) && widget->isVisible() && !(widget->focusPolicy() & Qt::TabFocus)
-            && !widget->parentWidget()->inherits("QAbstractSpinBox") && !widget->inherits("QLineEditIconButton"))
-            found.append(widget->objectName() + QLatin1Char(' ') + QLatin1String(widget->metaObject()->className()));
+    for (QWidget *widget : window->findChildren<QWidget *>()) {
+        if (widget->isVisible() && matches(widget))
+            found.append(widget->objectName() + ' ' + widget->metaObject()->className());
     }
     return found;
+}
+
+// Widgets a user works with must be reachable with Tab as well as with the pointer.
+bool isPointerOnly(QWidget *widget)
+{
+    const bool control = qobject_cast<QAbstractButton *>(widget) || qobject_cast<QLineEdit *>(widget)
+                         || qobject_cast<QComboBox *>(widget) || qobject_cast<QAbstractSpinBox *>(widget)
+                         || (qobject_cast<QAbstractItemView *>(widget) && !widget->inherits("QHeaderView"))
+                         || qobject_cast<QTextEdit *>(widget);
+    return control && !(widget->focusPolicy() & Qt::TabFocus) && !widget->parentWidget()->inherits("QAbstractSpinBox")
+           && !widget->inherits("QLineEditIconButton");
 }
 
 // An editor that types Tab as a character keeps keyboard users from leaving it.
-QStringList tabTraps(QWidget *window)
+bool trapsTab(QWidget *widget)
 {
-    QStringList found;
-    const QList<QWidget *> widgets = window->findChildren<QWidget *>();
-    for (QWidget *widget : widgets) {
-        const auto *text = qobject_cast<QTextEdit *>(widget);
-        const auto *plain = qobject_cast<QPlainTextEdit *>(widget);
-        const bool trapping = (text && !text->isReadOnly() && !text->tabChangesFocus())
-                              || (plain && !plain->isReadOnly() && !plain->tabChangesFocus());
-        if (trapping && widget->isVisible())
-            found.append(widget->objectName());
-    }
-    return found;
+    const auto *text = qobject_cast<QTextEdit *>(widget);
+    const auto *plain = qobject_cast<QPlainTextEdit *>(widget);
+    return (text && !text->isReadOnly() && !text->tabChangesFocus())
+           || (plain && !plain->isReadOnly() && !plain->tabChangesFocus());
 }
 
 // A caption ends in a colon and names the field beside it; without a buddy nothing ties the two together.
-QStringList captionsWithoutBuddy(QWidget *window)
+bool isCaptionWithoutBuddy(QWidget *widget)
 {
-    QStringList found;
-    const QList<QLabel *> labels = window->findChildren<QLabel *>();
-    for (QLabel *label : labels) {
-        if (label->isVisible() && label->text().trimmed().endsWith(QLatin1Char(':')) && !label->buddy())
-            found.append(label->text());
-    }
-    return found;
+    const auto *label = qobject_cast<QLabel *>(widget);
+    return label && label->text().trimmed().endsWith(':') && !label->buddy();
 }
 
-QStringList defaultButtons(QWidget *window)
+bool isDefaultButton(QWidget *widget)
 {
-    QStringList found;
-    const QList<QPushButton *> buttons = window->findChildren<QPushButton *>();
-    for (QPushButton *button : buttons) {
-        if (button->isVisible() && button->isDefault())
-            found.append(button->objectName());
-    }
-    return found;
+    const auto *button = qobject_cast<QPushButton *>(widget);
+    return button && button->isDefault();
 }
 
 ResourceDetailsDialog *visibleDetails()
@@ -487,15 +471,12 @@ private slots:
         dialog->show();
         QVERIFY(QTest::qWaitForWindowExposed(dialog.get()));
 
-        const QStringList unnamed = unnamedControls(dialog.get());
-        QVERIFY2(unnamed.isEmpty(), qPrintable(unnamed.join(QLatin1String("\n"))));
-        const QStringList pointerOnly = pointerOnlyControls(dialog.get());
-        QVERIFY2(pointerOnly.isEmpty(), qPrintable(pointerOnly.join(QLatin1String("\n"))));
-        const QStringList traps = tabTraps(dialog.get());
-        QVERIFY2(traps.isEmpty(), qPrintable(traps.join(QLatin1String("\n"))));
-        const QStringList captions = captionsWithoutBuddy(dialog.get());
-        QVERIFY2(captions.isEmpty(), qPrintable(captions.join(QLatin1String("\n"))));
-        QCOMPARE(defaultButtons(dialog.get()), defaultButton.isEmpty() ? QStringList() : QStringList{defaultButton});
+        const QStringList problems = unnamedControls(dialog.get()) + visibleWhere(dialog.get(), isPointerOnly)
+                                     + visibleWhere(dialog.get(), trapsTab)
+                                     + visibleWhere(dialog.get(), isCaptionWithoutBuddy);
+        QVERIFY2(problems.isEmpty(), qPrintable(problems.join('\n')));
+        QCOMPARE(visibleWhere(dialog.get(), isDefaultButton),
+                 defaultButton.isEmpty() ? QStringList() : QStringList{defaultButton + " QPushButton"});
 
         QApplication::setActiveWindow(dialog.get());
         QWidget *focus = dialog->focusWidget() ? dialog->focusWidget() : dialog.get();
