@@ -4,8 +4,6 @@
 #include "details/QenvDetailsDialog.h"
 #include "details/ScriptDetailsDialog.h"
 
-#include <QBuffer>
-#include <QImage>
 #include <QJsonArray>
 #include <QJsonObject>
 
@@ -50,17 +48,6 @@ inline ResourceDetailsDialog *createDialog(int kind, QWidget *parent = nullptr)
     if (kind == Environment)
         return new QenvDetailsDialog(parent);
     return new OnnxDetailsDialog(parent);
-}
-
-inline QByteArray pngBytes(const QColor &colour)
-{
-    QImage image(270, 100, QImage::Format_ARGB32);
-    image.fill(colour);
-    QByteArray bytes;
-    QBuffer buffer(&bytes);
-    buffer.open(QIODevice::WriteOnly);
-    image.save(&buffer, "PNG");
-    return bytes;
 }
 
 } // namespace Quorix::Testing::DetailsTestRecords

@@ -76,7 +76,15 @@ void ModalAnswerer::onPoll()
     QWidget *window = QApplication::activeModalWidget();
     if (!window || !window->isVisible())
         return;
-    record(window);
+    title = window->windowTitle();
+    buttons.clear();
+    if (auto *box = qobject_cast<QMessageBox *>(window)) {
+        text = box->text();
+        informativeText = box->informativeText();
+        const auto boxButtons = box->buttons();
+        for (const QAbstractButton *button : boxButtons)
+            buttons.append(plainText(button));
+    }
     if (answer(window)) {
         isAnswered = true;
         pollTimer.stop();
@@ -122,19 +130,6 @@ bool ModalAnswerer::answer(QWidget *window)
         return false;
     target->click();
     return true;
-}
-
-void ModalAnswerer::record(QWidget *window)
-{
-    title = window->windowTitle();
-    buttons.clear();
-    if (auto *box = qobject_cast<QMessageBox *>(window)) {
-        text = box->text();
-        informativeText = box->informativeText();
-        const auto boxButtons = box->buttons();
-        for (const QAbstractButton *button : boxButtons)
-            buttons.append(plainText(button));
-    }
 }
 
 } // namespace Quorix::Testing

@@ -42,7 +42,6 @@ private:
     void arm(Action nextAction, int timeoutMilliseconds);
     void onPoll();
     bool answer(QWidget *window);
-    void record(QWidget *window);
 
     QTimer pollTimer;
     QTimer giveUpTimer;

@@ -1,18 +1,32 @@
+#include "BrowserTestData.h"
 #include "DetailsTestRecords.h"
 #include "ModalAnswerer.h"
 #include "RecordingHttpServer.h"
+#include "TemporaryHome.h"
+
+#include "api/OnlineResourcesAPI.h"
+#include "browser/OnlineResourcesWidget.h"
+#include "browser/ResourceCard.h"
+#include "details/RichTextSanitizer.h"
+
+#include <PluginHost.h>
+#include <SettingsManager.h>
 
 #include <QApplication>
 #include <QClipboard>
+#include <QComboBox>
 #include <QJsonDocument>
 #include <QLabel>
 #include <QListWidget>
 #include <QNetworkAccessManager>
 #include <QPushButton>
+#include <QRegularExpression>
 #include <QSignalSpy>
 #include <QTest>
 #include <QTextBrowser>
+#include <QTextDocument>
 #include <QTimer>
+#include <QToolButton>
 
 #include <memory>
 
@@ -60,18 +74,320 @@ std::unique_ptr<ResourceDetailsDialog> dialogFor(int kind, const QJsonObject &ch
     return dialog;
 }
 
+// The list path, the key of its items and the details path of each kind; the type filter's index is the kind's.
+const char *const listPaths[] = {"/api/scripts/", "/api/scripts/qenv/list", "/api/scripts/onnx/list"};
+const char *const itemKeys[] = {"scripts", "environments", "weights"};
+const char *const detailsPaths[]
+        = {"/api/scripts/details/", "/api/scripts/qenv/details/", "/api/scripts/onnx/details/"};
+const int filterIndexes[] = {0, 3, 4};
+
+QJsonObject item(int kind, const QString &id)
+{
+    return Records::record(kind, {{"id", id}, {"name", "Item " + id}});
+}
+
+ScriptedResponse listReply(int kind, const QJsonArray &items)
+{
+    const QJsonObject pagination{
+            {"current_page", 1}, {"total_pages", 1}, {QString("total_") + itemKeys[kind], items.size()}};
+    return ScriptedResponse::json({{"success", true}, {itemKeys[kind], items}, {"pagination", pagination}});
+}
+
+ScriptedResponse details(const QJsonObject &record, int delayMs = 0)
+{
+    return ScriptedResponse::json({{"success", true}, {"data", record}}).withDelay(delayMs);
+}
+
+ResourceCard *card(QWidget *page, const QString &id)
+{
+    for (ResourceCard *candidate : page->findChildren<ResourceCard *>()) {
+        if (candidate->resourceId() == id)
+            return candidate;
+    }
+    return nullptr;
+}
+
 } // namespace
 
-// The details dialogs as the user meets them: what a record looks like, which buttons the user gets, the
-// confirmations before destructive actions, and the header picture.
-class DetailsDialogsTest : public QObject
+// The details dialogs as the user meets them: the description's markup, what a record looks like, which buttons the
+// user gets, the confirmations before destructive actions and the header picture; and the page's side: which dialog a
+// card click opens, which reply may fill it, and what the user is told when the details cannot be loaded.
+class DetailsTest : public QObject
 {
     Q_OBJECT
 
+    TemporaryHome home;
     RecordingHttpServer server;
+    PluginHost host;
+
+    std::unique_ptr<OnlineResourcesWidget> openPage(int kind, const QJsonArray &items)
+    {
+        server.setRule(listPaths[S], listReply(S, kind == S ? items : QJsonArray()));
+        server.setRule(listPaths[kind], listReply(kind, items));
+        auto page = std::make_unique<OnlineResourcesWidget>(nullptr);
+        page->setPluginHost(&host);
+        page->setSettingsManager(SettingsManager::instance());
+        page->resize(900, 700);
+        page->show();
+        if (kind != S) {
+            auto *refresh = page->findChild<QToolButton *>("refreshButton");
+            if (!QTest::qWaitFor([&] { return refresh->isEnabled(); }))
+                return nullptr;
+            page->findChild<QComboBox *>("typeFilter")->setCurrentIndex(filterIndexes[kind]);
+        }
+        const QString lastId = items.last().toObject().value("id").toString();
+        return QTest::qWaitFor([&] { return card(page.get(), lastId) != nullptr; }) ? std::move(page) : nullptr;
+    }
+
+    int requestsTo(const QString &path) const
+    {
+        const QList<RecordedRequest> all = server.requests();
+        return int(std::count_if(all.begin(), all.end(), [&](const RecordedRequest &r) { return r.path() == path; }));
+    }
 
 private slots:
-    void initTestCase() { QVERIFY(server.listen()); }
+    void initTestCase()
+    {
+        QVERIFY(server.listen());
+        qputenv("QUORIX_ADMIN_IDS", Records::administratorId.toUtf8());
+        qputenv("QUORIX_SERVER_URL", server.origin().toUtf8());
+    }
+
+    void init()
+    {
+        server.reset();
+        server.setDefaultResponse(ScriptedResponse::json({{"success", true}}));
+        host.signIn({Records::authorId, "frame_perfect", "Frame Perfect", "avatar", "token"});
+    }
+
+    void cardClickShowsLoadingThenTheRecord_data()
+    {
+        QTest::addColumn<int>("kind");
+        QTest::addColumn<QString>("loadingTitle");
+        QTest::addColumn<QString>("title");
+        QTest::newRow("script") << S << "Loading Script Details..." << "Script Details - Item a1";
+        QTest::newRow("environment") << E << "Loading Environment Details..." << "Environment Details - Item a1";
+        QTest::newRow("weights") << W << "Loading ONNX Weights Details..." << "ONNX Weights - Item a1";
+    }
+
+    void cardClickShowsLoadingThenTheRecord()
+    {
+        QFETCH(int, kind);
+        QFETCH(QString, loadingTitle);
+        QFETCH(QString, title);
+        server.setRule("/api/scripts/liked", ScriptedResponse::json({{"success", true}, {"data", QJsonArray{"a1"}}}));
+        QJsonObject record = item(kind, "a1");
+        record.insert("visibility_type", "private");
+        record.insert("likes", 9);
+        server.setRule(detailsPaths[kind] + QString("a1"), details(record, 300));
+        auto page = openPage(kind, {item(kind, "a1")});
+        QVERIFY(page);
+
+        QTest::mouseClick(card(page.get(), "a1"), Qt::LeftButton);
+        const QList<ResourceDetailsDialog *> dialogs = page->findChildren<ResourceDetailsDialog *>();
+        QCOMPARE(dialogs.size(), 1);
+        ResourceDetailsDialog *dialog = dialogs.first();
+        QVERIFY(dialog->isVisible());
+        QCOMPARE(dialog->windowTitle(), loadingTitle);
+        QTRY_COMPARE(dialog->windowTitle(), title);
+        QCOMPARE(requestsTo(detailsPaths[kind] + QString("a1")), 1);
+        // Signed in as the author of a private resource, with the resource in the liked set.
+        QVERIFY(dialog->findChild<QPushButton *>("manageAccessButton")->isVisible());
+        QVERIFY(!dialog->findChild<QPushButton *>("banAuthorButton")->isVisible());
+        QCOMPARE(dialog->findChild<QPushButton *>("likeButton")->text(), "Unlike");
+        QVERIFY(dialog->findChild<QLabel *>("statsLabel")->text().endsWith("9 likes"));
+    }
+
+    void onlyTheLatestClickFillsTheOneDialog()
+    {
+        server.setRule("/api/scripts/details/a1", details(item(S, "a1"), 600));
+        server.setRule("/api/scripts/details/a2", details(item(S, "a2")));
+        server.setRule("/api/scripts/details/a3", details(item(S, "a3"), 300));
+        auto page = openPage(S, {item(S, "a1"), item(S, "a2"), item(S, "a3")});
+        QVERIFY(page);
+        QSignalSpy loaded(page->api(), &OnlineResourcesAPI::scriptDetailsLoaded);
+        QTest::mouseClick(card(page.get(), "a1"), Qt::LeftButton);
+        QTest::mouseClick(card(page.get(), "a2"), Qt::LeftButton);
+        QTRY_COMPARE(loaded.count(), 2);
+        const QList<ResourceDetailsDialog *> dialogs = page->findChildren<ResourceDetailsDialog *>();
+        QCOMPARE(dialogs.size(), 1);
+        QCOMPARE(dialogs.first()->windowTitle(), "Script Details - Item a2");
+        QCOMPARE(dialogs.first()->resourceId(), "a2");
+
+        // A reply that arrives after the dialog was closed is dropped.
+        QTest::mouseClick(card(page.get(), "a3"), Qt::LeftButton);
+        dialogs.first()->findChild<QPushButton *>("closeButton")->click();
+        QVERIFY(loaded.wait());
+        QVERIFY(!dialogs.first()->isVisible());
+        QCOMPARE(dialogs.first()->windowTitle(), "Loading Script Details...");
+        QVERIFY(dialogs.first()->resourceId().isEmpty());
+    }
+
+    void dialogActionsReachTheServer_data()
+    {
+        QTest::addColumn<int>("kind");
+        QTest::addColumn<QString>("button");
+        QTest::addColumn<QString>("path");
+        const char *const kinds[] = {"script", "environment", "weights"}, *const prefixes[] = {"", "qenv/", "onnx/"};
+        for (const int kind : {S, E, W}) {
+            QTest::addRow("like %s", kinds[kind]) << kind << "likeButton"
+                                                  << QString("/api/scripts/%1like/a1").arg(prefixes[kind]);
+            QTest::addRow("delete %s", kinds[kind]) << kind << "deleteButton"
+                                                    << QString("/api/scripts/%1a1").arg(prefixes[kind]);
+        }
+        QTest::newRow("ban") << W << "banAuthorButton" << "/api/scripts/ban/" + Records::authorId;
+    }
+
+    void dialogActionsReachTheServer()
+    {
+        QFETCH(int, kind);
+        QFETCH(QString, button);
+        QFETCH(QString, path);
+        host.signIn({Records::administratorId, "admin", "Admin", "avatar", "token"});
+        server.setRule(detailsPaths[kind] + QString("a1"), details(item(kind, "a1")));
+        // Unanswered, so that no outcome box follows the request.
+        server.setRule(path, ScriptedResponse::json({}).stallingAfter(0));
+        auto page = openPage(kind, {item(kind, "a1")});
+        QVERIFY(page);
+        QTest::mouseClick(card(page.get(), "a1"), Qt::LeftButton);
+        auto *dialog = page->findChild<ResourceDetailsDialog *>();
+        QTRY_COMPARE(dialog->resourceId(), "a1");
+        ModalAnswerer confirmation;
+        if (button != "likeButton")
+            confirmation.pressButton(QMessageBox::Yes);
+        auto *action = dialog->findChild<QPushButton *>(button);
+        QVERIFY(action->isVisible());
+        action->click();
+        QTRY_COMPARE(requestsTo(path), 1);
+    }
+
+    void detailsFailuresAreReported_data()
+    {
+        QTest::addColumn<int>("kind");
+        QTest::addColumn<int>("status");
+        QTest::addColumn<QString>("serverError");
+        QTest::addColumn<QString>("title");
+        QTest::addColumn<QString>("text");
+        const char *failed = "Failed to Load Details";
+        const QString retry = "Could not load %1 details. Please try again.";
+        const QString gone
+                = "%1 could not be found on the server.\n%2 may have been deleted or %3 no longer accessible.";
+        QTest::newRow("script not found")
+                << S << 404 << "Script not found" << "Script Not Found" << gone.arg(u"This script", u"It", u"is");
+        QTest::newRow("script server error") << S << 500 << "boom" << failed << retry.arg("script");
+        QTest::newRow("digits of a port are no 404")
+                << S << 200 << "Upstream 127.0.0.1:40412 busy" << failed << retry.arg("script");
+        QTest::newRow("environment not found")
+                << E << 404 << "gone"
+                << "Environment Not Found" << gone.arg(u"This environment", u"It", u"is");
+        QTest::newRow("environment refused") << E << 200 << "busy" << failed << retry.arg("environment");
+        QTest::newRow("weights not found") << W << 200 << "Weights not found (404)" << "Weights Not Found"
+                                           << gone.arg(u"These weights", u"They", u"are");
+        QTest::newRow("weights refused") << W << 200 << "busy" << failed << retry.arg("weights");
+    }
+
+    void detailsFailuresAreReported()
+    {
+        QFETCH(int, kind);
+        QFETCH(int, status);
+        QFETCH(QString, serverError);
+        QFETCH(QString, title);
+        QFETCH(QString, text);
+        server.setRule(detailsPaths[kind] + QString("a1"),
+                       ScriptedResponse::json({{"success", false}, {"error", serverError}}, status));
+        auto page = openPage(kind, {item(kind, "a1")});
+        QVERIFY(page);
+        const int listsBefore = requestsTo(listPaths[kind]);
+        ModalAnswerer answerer;
+        answerer.pressButton(QMessageBox::Ok);
+        QTest::mouseClick(card(page.get(), "a1"), Qt::LeftButton);
+        QVERIFY(answerer.waitForAnswer());
+        QCOMPARE((QStringList{answerer.seenTitle(), answerer.seenText()}), (QStringList{title, text}));
+        QVERIFY(!page->findChild<ResourceDetailsDialog *>()->isVisible());
+        // A resource that is gone reloads the list it came from; other failures leave it alone.
+        if (title.endsWith("Not Found"))
+            QTRY_COMPARE(requestsTo(listPaths[kind]), listsBefore + 1);
+        else
+            QCOMPARE(requestsTo(listPaths[kind]), listsBefore);
+    }
+
+    void keepsHarmlessMarkupAndDropsTheRest_data()
+    {
+        QTest::addColumn<QString>("input");
+        QTest::addColumn<QString>("expected");
+        const struct
+        {
+            const char *tag, *input, *expected;
+        } rows[] = {
+                {"emphasis", "<b>b</b> <i>i</i> <em>e</em> <strong>s</strong> <u>u</u>",
+                 "<b>b</b> <i>i</i> <em>e</em> <strong>s</strong> <u>u</u>"},
+                {"upper-case tags", "<B>x</B><BR>", "<b>x</b><br>"},
+                {"paragraphs and lists", "<p>a<br/>b</p><ul><li>c</li></ul><ol><li>d</li></ol>",
+                 "<p>a<br>b</p><ul><li>c</li></ul><ol><li>d</li></ol>"},
+                {"attributes stripped", "<p style=\"color:red\" class=\"w\" onclick=\"x()\">hi</p>", "<p>hi</p>"},
+                {"fake warning", "<font size=\"7\" color=\"red\"><span style=\"font-size:40pt\">WARNING</span></font>",
+                 "WARNING"},
+                {"headings lose their size", "<h1>Title</h1>text", "<p>Title</p>text"},
+                {"image dropped", "before<img src=\"http://evil.example/x.png\">after", "beforeafter"},
+                {"table flattened", "<table><tr><td>cell</td></tr></table>", "cell"},
+                {"fake button", "<a href=\"https://x.example\" style=\"x\"><button>Install</button></a>",
+                 "<a href=\"https://x.example\">Install</a>"},
+                {"script", "a<script>alert('x')</script>b", "ab"},
+                {"unterminated script", "a<script>alert(1)", "a"},
+                {"comment", "a<!-- <b>hidden</b> -->b", "ab"},
+                {"misnested", "<b><i>x</b>y</i>", "<b><i>x</i></b>y"},
+                {"unclosed tags are closed", "<ul><li><b>open", "<ul><li><b>open</b></li></ul>"},
+                {"stray closing tag", "x</b></p>y", "xy"},
+                {"unterminated tag is text", "a <b class=\"x", "a &lt;b class=&quot;x"},
+                {"less-than in text", "1 < 2 > 0", "1 &lt; 2 &gt; 0"},
+                {"entities kept", "&amp; &lt;b&gt; &#169; &#x263A; &nbsp;", "&amp; &lt;b&gt; &#169; &#x263A; &nbsp;"},
+                {"bare ampersand", "R&D & more", "R&amp;D &amp; more"},
+                {"quoted greater-than", "<a href=\"https://x.example/?a=1>2\">l</a>",
+                 "<a href=\"https://x.example/?a=1%3E2\">l</a>"},
+                {"web link", "<a href='http://x.example/p?q=1&amp;r=2' target=\"_blank\">go</a>",
+                 "<a href=\"http://x.example/p?q=1&amp;r=2\">go</a>"},
+                {"upper-case scheme", "<a href=\"HTTPS://x.example/\">go</a>", "<a href=\"https://x.example/\">go</a>"},
+                {"javascript link", "<a href=\"javascript:alert(1)\">x</a>", "x"},
+                {"javascript behind entities", "<a href=\"jav&#x61;script:alert(1)\">x</a>", "x"},
+                {"javascript behind blanks", "<a href=\"  JavaScript:alert(1)\">x</a>", "x"},
+                {"data link", "<a href=\"data:text/html,<b>x</b>\">x</a>", "x"},
+                {"file link", "<a href=\"file:///C:/Windows\">x</a>", "x"},
+                {"file link with a host", "<a href=\"file://server/share\">x</a>", "x"},
+                {"mail link", "<a href=\"mailto:a@example.com\">x</a>", "x"},
+                {"relative link", "<a href=\"/details/1\">x</a>", "x"},
+                {"web link without host", "<a href=\"https:///x\">x</a>", "x"},
+                {"link without address", "<a name=\"top\">x</a>", "x"},
+                {"nested link ends the outer one",
+                 "<a href=\"https://a.example\">1<a href=\"https://b.example\">2</a>3</a>",
+                 "<a href=\"https://a.example\">12</a>3"},
+        };
+        for (const auto &row : rows)
+            QTest::newRow(row.tag) << QString(row.input) << QString(row.expected);
+    }
+
+    void keepsHarmlessMarkupAndDropsTheRest()
+    {
+        QFETCH(QString, input);
+        QFETCH(QString, expected);
+        QCOMPARE(RichTextSanitizer::sanitize(input), expected);
+        // Links the view may follow are exactly those the sanitized text keeps.
+        const QString href = input.section("href=", 1).section(QRegularExpression("[\"']"), 1, 1);
+        if (input.contains("href=") && !input.contains("&"))
+            QCOMPARE(RichTextSanitizer::isAllowedLink(QUrl(href.trimmed())), expected.contains("href"));
+    }
+
+    // Whatever the input, the rendered document holds no image and no font sizes or colours of the author's choosing.
+    void renderedResultLoadsNothing()
+    {
+        QTextDocument document;
+        document.setHtml(RichTextSanitizer::sanitize(
+                "<div style=\"position:fixed\"><img src=\"https://t.example/p.gif\"><span style=\"font-size:60pt;"
+                "color:#f00\">ALERT</span><table border=9><tr><td><input type=button "
+                "value=OK></td></tr></table></div>"));
+        QCOMPARE(document.toPlainText().trimmed(), "ALERT");
+        for (const char *unwanted : {"<img", "60pt", "#ff0000", "<table"})
+            QVERIFY2(!document.toHtml().contains(unwanted), unwanted);
+    }
 
     void recordIsShown_data()
     {
@@ -343,7 +659,7 @@ private slots:
         QTest::addColumn<QByteArray>("served");
         QTest::addColumn<int>("status");
         QTest::addColumn<QString>("requested");
-        const QByteArray png = Records::pngBytes(Qt::red);
+        const QByteArray png = BrowserTestData::png({64, 32}, Qt::red);
         const QByteArray header = R"({"header": {"url": "%1/header.png"}})";
         QTest::newRow("header preferred")
                 << QByteArray(R"({"header": {"url": "%1/header.png"}, "thumbnail": {"url": "%1/t.png"}})") << png << 200
@@ -372,7 +688,7 @@ private slots:
         }
         QCOMPARE(server.requestCount(), requested.isEmpty() ? 0 : 1);
         const QImage picture = header->pixmap().toImage();
-        if (status == 200 && served == Records::pngBytes(Qt::red) && !requested.isEmpty())
+        if (status == 200 && served == BrowserTestData::png({64, 32}, Qt::red) && !requested.isEmpty())
             QCOMPARE(picture.pixelColor(picture.width() / 2, picture.height() / 2), QColor(Qt::red));
         else
             QVERIFY(picture.isNull() && header->text() == "\U0001F5BC\uFE0F");
@@ -381,8 +697,9 @@ private slots:
     void headerReplyForAReplacedRecordIsIgnored()
     {
         server.reset();
-        server.setRule("/first.png", ScriptedResponse::bytes(Records::pngBytes(Qt::blue), "image/png").withDelay(600));
-        server.setRule("/second.png", ScriptedResponse::bytes(Records::pngBytes(Qt::green), "image/png"));
+        server.setRule("/first.png",
+                       ScriptedResponse::bytes(BrowserTestData::png({64, 32}, Qt::blue), "image/png").withDelay(600));
+        server.setRule("/second.png", ScriptedResponse::bytes(BrowserTestData::png({64, 32}, Qt::green), "image/png"));
         const auto withHeader = [this](const char *id, const char *path) {
             return Records::record(
                     S, {{"id", id},
@@ -400,5 +717,5 @@ private slots:
     }
 };
 
-QTEST_MAIN(DetailsDialogsTest)
-#include "tst_details_dialogs.moc"
+QTEST_MAIN(DetailsTest)
+#include "tst_details.moc"

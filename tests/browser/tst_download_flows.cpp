@@ -1,9 +1,14 @@
 #include "BrowserTestData.h"
 #include "ModalAnswerer.h"
+#include "RecordingFilePlugin.h"
 #include "RecordingHttpServer.h"
 #include "TemporaryHome.h"
 #include "TestFiles.h"
+#include "api/OnlineResourcesAPI.h"
+#include "browser/CardGridModel.h"
+#include "browser/DownloadProgressDialog.h"
 #include "browser/OnlineResourcesWidget.h"
+#include "browser/ScriptsDirectory.h"
 #include "browser/WeightsLibrary.h"
 
 #include <PluginHost.h>
@@ -14,8 +19,8 @@
 #include <QCryptographicHash>
 #include <QDir>
 #include <QJsonDocument>
+#include <QSignalSpy>
 #include <QTest>
-#include <QToolButton>
 
 #include <memory>
 
@@ -45,16 +50,47 @@ QJsonObject withoutTime(QJsonObject stored)
 
 } // namespace
 
-// Saving weights into the library: the manifest, the question before replacing, and failures that keep what was there.
-class WeightsDownloadFlowTest : public QObject
+// Saving downloads: a script's progress, folder, the question when its name is taken and its viewer; weights into the
+// library with their manifest, the question before replacing, and failures that keep what was there.
+class DownloadFlowsTest : public QObject
 {
     Q_OBJECT
 
     TemporaryHome home;
     RecordingHttpServer server;
     PluginHost host;
+    RecordingFilePlugin gpcPlugin, pythonPlugin;
     std::unique_ptr<OnlineResourcesWidget> page;
     std::unique_ptr<WeightsLibrary> library;
+    QString scripts;
+
+    void setExplorerFolder(const QString &folder)
+    {
+        SettingsManager::instance()->setPluginValue("FileExplorer", "lastWorkingDirectory", folder);
+    }
+
+    // Every file of the scripts folder as "name=content", sorted by name.
+    QStringList scriptsFolder() const
+    {
+        QStringList contents;
+        for (const QString &name : QDir(scripts).entryList(QDir::Files | QDir::Hidden, QDir::Name))
+            contents << name + '=' + QString::fromUtf8(TestFiles::read(scripts + '/' + name));
+        return contents;
+    }
+
+    // Downloads a file named fileName with the content "new"; false unless the temporary file is gone afterwards.
+    bool download(const QString &fileName)
+    {
+        server.setRule("/api/scripts/download/s-1",
+                       ScriptedResponse::bytes("new").withHeader("Content-Disposition",
+                                                                 "attachment; filename=\"" + fileName.toUtf8() + '"'));
+        QSignalSpy arrived(page->api(), &OnlineResourcesAPI::scriptDownloaded);
+        QMetaObject::invokeMethod(page.get(), "onCardDownloadClicked", Q_ARG(QString, "s-1"));
+        if (!arrived.wait(10000))
+            return false;
+        const QString temporary = arrived.first().first().toString();
+        return QTest::qWaitFor([&temporary] { return !QFile::exists(temporary); }, 10000);
+    }
 
     QJsonObject manifest() const { return QJsonDocument::fromJson(TestFiles::read(library->manifestPath())).object(); }
 
@@ -68,7 +104,7 @@ class WeightsDownloadFlowTest : public QObject
     }
 
     // Clicks Download and answers the boxes that follow in order; returns the last box's title and text.
-    QStringList download(const QString &id, const QList<QMessageBox::StandardButton> &answers)
+    QStringList downloadWeights(const QString &id, const QList<QMessageBox::StandardButton> &answers)
     {
         std::vector<std::unique_ptr<ModalAnswerer>> answerers;
         for (QMessageBox::StandardButton answer : answers) {
@@ -84,20 +120,39 @@ class WeightsDownloadFlowTest : public QObject
         return seen;
     }
 
+    // Shows the weights list; the page is never shown, so it makes no cards.
+    bool openWeights()
+    {
+        page->findChild<QComboBox *>("typeFilter")->setCurrentIndex(4);
+        // The first script list may end the loading state before the weights list is in.
+        return QTest::qWaitFor([this] { return page->findChild<CardGridModel *>()->count() == 2; });
+    }
+
 private slots:
     void initTestCase()
     {
         QVERIFY(server.listen());
         qputenv("QUORIX_SERVER_URL", server.origin().toUtf8());
+        host.registerPlugin("gpc3", "GPC 3", &gpcPlugin);
+        host.registerPlugin("cv_python", "CV Python", &pythonPlugin);
     }
 
     void init()
     {
         server.reset();
         server.setDefaultResponse(ScriptedResponse::json({{"success", false}}));
+        gpcPlugin.opened.clear();
+        pythonPlugin.opened.clear();
+        // A folder per case, so that no case sees another's files.
+        scripts = home.filePath(QString("scripts-%1-%2")
+                                        .arg(QString::fromLatin1(QTest::currentTestFunction()),
+                                             QString::fromLatin1(QByteArray(QTest::currentDataTag()).toHex())));
+        QVERIFY(QDir().mkpath(scripts));
+        setExplorerFolder(scripts);
         server.setRule("/api/scripts/onnx/list",
                        ScriptedResponse::json(BrowserTestData::weightsPage(
                                {BrowserTestData::weights("w-a"), BrowserTestData::weights("w-b", true)}, 1, 1, 2)));
+        // An empty weights library, before the page reads it.
         const QString folder = WeightsLibrary().folder();
         QFile::remove(folder);
         QDir(folder).removeRecursively();
@@ -105,12 +160,146 @@ private slots:
         page = std::make_unique<OnlineResourcesWidget>(nullptr);
         page->setPluginHost(&host);
         page->setSettingsManager(SettingsManager::instance());
-        page->findChild<QComboBox *>("typeFilter")->setCurrentIndex(4);
-        // The page is never shown, so it makes no cards; the list has arrived once loading has ended.
-        QTRY_VERIFY(page->findChild<QToolButton *>("refreshButton")->isEnabled());
     }
 
     void cleanup() { page.reset(); }
+
+    void progressLabelTakesTheUnitOfTheTotal_data()
+    {
+        QTest::addColumn<qint64>("received");
+        QTest::addColumn<qint64>("total");
+        QTest::addColumn<QString>("label");
+        QTest::addColumn<int>("value");
+        QTest::newRow("unknown length") << qint64(4096) << qint64(0) << "Downloading..." << -1;
+        QTest::newRow("bytes") << qint64(512) << qint64(1023) << "Downloading... 512 B / 1023 B" << 50;
+        QTest::newRow("KB, also below 1024") << qint64(1000) << qint64(2048) << "Downloading... 1 KB / 2 KB" << 48;
+        QTest::newRow("MB") << qint64(1572864) << qint64(3145728) << "Downloading... 1.5 MB / 3.0 MB" << 50;
+    }
+
+    void progressLabelTakesTheUnitOfTheTotal()
+    {
+        QFETCH(qint64, received);
+        QFETCH(qint64, total);
+        QFETCH(QString, label);
+        QFETCH(int, value);
+        server.setRule("/api/scripts/download/s-1", ScriptedResponse::bytes("x").stallingAfter(0));
+        QMetaObject::invokeMethod(page.get(), "onCardDownloadClicked", Q_ARG(QString, "s-1"));
+        auto *dialog = page->findChild<DownloadProgressDialog *>("downloadProgressDialog");
+        QVERIFY(dialog && dialog->isVisible());
+        QCOMPARE(dialog->labelText(), "Downloading...");
+        QCOMPARE(dialog->windowModality(), Qt::WindowModal);
+        QMetaObject::invokeMethod(page.get(), "onDownloadProgress", Q_ARG(qint64, received), Q_ARG(qint64, total));
+        QCOMPARE(dialog->labelText(), label);
+        QCOMPARE(dialog->maximum(), value < 0 ? 0 : 100);
+        if (value >= 0)
+            QCOMPARE(dialog->value(), value);
+    }
+
+    void scriptsDirectoryFollowsTheExplorerElseTheApplication_data()
+    {
+        QTest::addColumn<QString>("explorerFolder");
+        QTest::addColumn<QString>("applicationFolder");
+        QTest::addColumn<QString>("expected");
+        for (const auto &[tag, explorer, application, expected] :
+             {std::tuple{"explorer folder", "work", "app/lib", "work"},
+              std::tuple{"explorer folder gone, lib", "gone", "app/lib", "app/scripts"},
+              std::tuple{"no explorer folder, bin", "", "app/bin", "app/bin/scripts"},
+              std::tuple{"library-like name is not lib", "", "app/libs", "app/libs/scripts"}})
+            QTest::newRow(tag) << QString(explorer) << QString(application) << QString(expected);
+    }
+
+    void scriptsDirectoryFollowsTheExplorerElseTheApplication()
+    {
+        QFETCH(QString, explorerFolder);
+        QFETCH(QString, applicationFolder);
+        QFETCH(QString, expected);
+        QVERIFY(QDir().mkpath(scripts + "/work") && QDir().mkpath(scripts + "/" + applicationFolder));
+        setExplorerFolder(explorerFolder.isEmpty() ? QString() : scripts + "/" + explorerFolder);
+        const QString resolved
+                = ScriptsDirectory::resolve(SettingsManager::instance(), scripts + "/" + applicationFolder);
+        QCOMPARE(resolved, scripts + "/" + expected);
+        QVERIFY(QFileInfo(resolved).isDir());
+    }
+
+    void existingFileIsReplacedCopiedOrKept_data()
+    {
+        QTest::addColumn<QStringList>("present");
+        QTest::addColumn<QString>("button");
+        QTest::addColumn<QString>("offered");
+        QTest::addColumn<QStringList>("after");
+        QTest::addColumn<QString>("saved");
+        const struct
+        {
+            const char *tag;
+            QStringList present;
+            const char *button, *offered;
+            QStringList after;
+            const char *saved;
+        } rows[] = {
+                {"no conflict", {}, "", "", {"abc.gpc3=new"}, "abc.gpc3"},
+                {"cancel keeps the old file", {"abc.gpc3"}, "Cancel", "abc_0", {"abc.gpc3=old"}, ""},
+                {"replace", {"abc.gpc3"}, "Replace", "abc_0", {"abc.gpc3=new"}, "abc.gpc3"},
+                {"first copy is numbered 0", {"abc.gpc3"}, "Save as abc_0", "abc_0", {"abc.gpc3=old", "abc_0.gpc3=new"},
+                 "abc_0.gpc3"},
+                {"only abc_5 present proposes abc_1", {"abc.gpc3", "abc_5.gpc3"}, "Save as abc_1", "abc_1",
+                 {"abc.gpc3=old", "abc_1.gpc3=new", "abc_5.gpc3=old"}, "abc_1.gpc3"},
+                {"taken proposal ends silently", {"abc.gpc3", "abc_1.gpc3"}, "Save as abc_1", "abc_1",
+                 {"abc.gpc3=old", "abc_1.gpc3=old"}, ""},
+                {"copies of another suffix do not count", {"abc.gpc3", "abc_0.py"}, "Save as abc_0", "abc_0",
+                 {"abc.gpc3=old", "abc_0.gpc3=new", "abc_0.py=old"}, "abc_0.gpc3"},
+        };
+        for (const auto &row : rows)
+            QTest::newRow(row.tag) << row.present << QString(row.button) << QString(row.offered) << row.after
+                                   << QString(row.saved);
+    }
+
+    void existingFileIsReplacedCopiedOrKept()
+    {
+        QFETCH(QStringList, present);
+        QFETCH(QString, button);
+        QFETCH(QString, offered);
+        QFETCH(QStringList, after);
+        QFETCH(QString, saved);
+        for (const QString &name : present)
+            QVERIFY(TestFiles::write(scripts + "/" + name, "old"));
+        ModalAnswerer answerer;
+        if (!button.isEmpty())
+            answerer.pressButton(button);
+        QSignalSpy savedSpy(page.get(), &OnlineResourcesWidget::scriptDownloaded);
+
+        QVERIFY(download("abc.gpc3"));
+        QCOMPARE(answerer.answered(), !button.isEmpty());
+        if (!button.isEmpty()) {
+            QCOMPARE((QStringList{answerer.seenTitle(), answerer.seenText(), answerer.seenInformativeText()}),
+                     (QStringList{"File Already Exists", "The script 'abc.gpc3' already exists in " + scripts + ".",
+                                  "What would you like to do?"}));
+            QCOMPARE(answerer.seenButtons(), (QStringList{"Replace", "Save as " + offered, "Cancel"}));
+        }
+        QCOMPARE(scriptsFolder(), after);
+        QCOMPARE(savedSpy.size(), saved.isEmpty() ? 0 : 1);
+        if (!saved.isEmpty())
+            QCOMPARE(savedSpy.first().first().toString(), scripts + "/" + saved);
+    }
+
+    void savedScriptReachesItsViewerPlugin_data()
+    {
+        QTest::addColumn<QString>("fileName");
+        QTest::addColumn<int>("viewer"); // 1 GPC, 2 Python, 0 none
+        for (const auto &[fileName, viewer] : {std::pair{"aim.gpc3", 1}, std::pair{"aim.GBC3", 1},
+                                               std::pair{"reader.py", 2}, std::pair{"notes.txt", 0}})
+            QTest::newRow(fileName) << QString(fileName) << viewer;
+    }
+
+    void savedScriptReachesItsViewerPlugin()
+    {
+        QFETCH(QString, fileName);
+        QFETCH(int, viewer);
+        QVERIFY(download(fileName));
+        const QString target = scripts + "/" + fileName;
+        QCOMPARE(TestFiles::read(target), QByteArray("new"));
+        QCOMPARE(gpcPlugin.opened, viewer == 1 ? QStringList{target} : QStringList());
+        QCOMPARE(pythonPlugin.opened, viewer == 2 ? QStringList{target} : QStringList());
+    }
 
     void downloadsAreRecordedInTheManifest_data()
     {
@@ -134,6 +323,7 @@ private slots:
 
     void downloadsAreRecordedInTheManifest()
     {
+        QVERIFY(openWeights());
         QFETCH(QByteArray, stored);
         QFETCH(QStringList, keys);
         if (!stored.isEmpty())
@@ -142,7 +332,7 @@ private slots:
         serve("w-a", "AAAA", "detector.onnx", "AAAA");
         serve("w-b", "BBBBBB", "detector.ennx", "BBBBBB");
         for (const char *id : {"w-a", "w-b"})
-            QCOMPARE(download(id, {QMessageBox::Ok}).mid(0, 2),
+            QCOMPARE(downloadWeights(id, {QMessageBox::Ok}).mid(0, 2),
                      (QStringList{"Download Complete", "ONNX weights saved"}));
 
         QCOMPARE(TestFiles::read(library->folder() + "/w-a.onnx"), QByteArray("AAAA"));
@@ -169,6 +359,7 @@ private slots:
 
     void downloadingAgainAsksFirst()
     {
+        QVERIFY(openWeights());
         QFETCH(qint64, existingSize);
         QFETCH(QString, sizeText);
         QFETCH(bool, replace);
@@ -181,7 +372,7 @@ private slots:
         ModalAnswerer question;
         question.pressButton(replace ? QMessageBox::Yes : QMessageBox::No);
         const QStringList done
-                = download("w-a", replace ? QList{QMessageBox::Ok} : QList<QMessageBox::StandardButton>{});
+                = downloadWeights("w-a", replace ? QList{QMessageBox::Ok} : QList<QMessageBox::StandardButton>{});
         QVERIFY(question.waitForAnswer());
         QCOMPARE((QStringList{question.seenTitle(), question.seenText(), question.seenInformativeText()}),
                  (QStringList{"File Already Exists",
@@ -221,6 +412,7 @@ private slots:
 
     void failureLeavesOlderWeightsAndNoTemporaryFile()
     {
+        QVERIFY(openWeights());
         QFETCH(QString, failure);
         QFETCH(QString, id);
         QFETCH(QString, message);
@@ -243,7 +435,7 @@ private slots:
         QList<QMessageBox::StandardButton> answers{QMessageBox::Ok};
         if (id == "w-a")
             answers.prepend(QMessageBox::Yes);
-        QCOMPARE(download(id, answers).mid(0, 2), (QStringList{"Download Failed", message}));
+        QCOMPARE(downloadWeights(id, answers).mid(0, 2), (QStringList{"Download Failed", message}));
         QTest::qWait(100);
         QVERIFY(!QApplication::activeModalWidget());
         if (failure == "no folder") {
@@ -257,5 +449,5 @@ private slots:
     }
 };
 
-QTEST_MAIN(WeightsDownloadFlowTest)
-#include "tst_weights_download_flow.moc"
+QTEST_MAIN(DownloadFlowsTest)
+#include "tst_download_flows.moc"
